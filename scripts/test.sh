@@ -1,0 +1,43 @@
+#!/usr/bin/env bash
+# Installs what is missing, then builds and runs the whole suite: the dev
+# preset, the same suite under AddressSanitizer and UndefinedBehaviorSanitizer,
+# and every libFuzzer target for a short run. Fails when any step fails or
+# when the suite leaves a System V semaphore set behind.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/deps.sh
+fuzz_seconds=${FANOUT_FUZZ_SECONDS:-30}
+
+sems_before=$(ipcs -s | awk '$1 ~ /^0x/ {print $2}' | sort)
+
+for preset in dev asan; do
+  echo "=== $preset"
+  cmake --preset "$preset" >/dev/null
+  cmake --build --preset "$preset"
+  ctest --preset "$preset" -j2
+done
+
+echo "=== fuzz (${fuzz_seconds}s per target)"
+cmake --preset fuzz >/dev/null
+cmake --build --preset fuzz
+shopt -s nullglob
+for target in build/fuzz/fuzz/*_fuzz; do
+  name=$(basename "$target" _fuzz)
+  name=${name#*_}
+  corpus=fuzz/corpus/$name
+  work=$(mktemp -d)
+  [[ -d $corpus ]] && cp -r "$corpus"/. "$work"/ 2>/dev/null || true
+  echo "--- $(basename "$target")"
+  (cd "$work" && "$OLDPWD/$target" -max_total_time="$fuzz_seconds" -print_final_stats=0 \
+     -artifact_prefix="$work/" . 2>&1 | tail -n 3) || { echo "fuzz target $target failed"; ls "$work"; exit 1; }
+  rm -rf "$work"
+done
+
+sems_after=$(ipcs -s | awk '$1 ~ /^0x/ {print $2}' | sort)
+left=$(comm -13 <(echo "$sems_before") <(echo "$sems_after") | grep -c . || true)
+if [[ $left -ne 0 ]]; then
+  echo "the suite left $left semaphore set(s) behind"
+  ipcs -s
+  exit 1
+fi
+echo "all tests passed"

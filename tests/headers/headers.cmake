@@ -1,0 +1,28 @@
+# Every public header must compile on its own, as C11 and as C++20.
+file(GLOB _public_headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/include/fanout/*.h)
+set(_header_srcs)
+foreach(h IN LISTS _public_headers)
+  get_filename_component(hn ${h} NAME_WE)
+  set(c ${CMAKE_CURRENT_BINARY_DIR}/headers/${hn}_c.c)
+  set(cc ${CMAKE_CURRENT_BINARY_DIR}/headers/${hn}_cxx.cpp)
+  file(WRITE ${c}.in "#include <fanout/${hn}.h>\nint fanout_header_${hn}_c(void) { return 0; }\n")
+  file(WRITE ${cc}.in "#include <fanout/${hn}.h>\nint fanout_header_${hn}_cxx() { return 0; }\n")
+  configure_file(${c}.in ${c} COPYONLY)
+  configure_file(${cc}.in ${cc} COPYONLY)
+  list(APPEND _header_srcs ${c} ${cc})
+endforeach()
+if(_header_srcs)
+  add_library(fanout_header_test OBJECT ${_header_srcs})
+  target_include_directories(fanout_header_test PRIVATE ${PROJECT_SOURCE_DIR}/include)
+  target_compile_options(fanout_header_test PRIVATE -Wall -Wextra -Werror
+                         $<$<COMPILE_LANGUAGE:C>:-pedantic -std=c11>)
+endif()
+
+# The installed copy works for a plain C program found through pkg-config.
+find_program(FANOUT_PKG_CONFIG pkg-config)
+if(FANOUT_PKG_CONFIG AND NOT FANOUT_SANITIZE)
+  add_test(NAME install.pkg_config_c_program
+           COMMAND ${CMAKE_COMMAND} -E env CC=${CMAKE_C_COMPILER}
+                   sh ${CMAKE_CURRENT_SOURCE_DIR}/install/install_test.sh
+                   ${PROJECT_BINARY_DIR} ${CMAKE_CURRENT_SOURCE_DIR}/install/consumer.c)
+endif()
