@@ -10,5 +10,6 @@
 #include "log.h"
 #include "thread.h"
 #include "types.h"
+#include "catalog.h"
 
 #endif /* FANOUT_FANOUT_H */
