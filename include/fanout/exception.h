@@ -37,15 +37,23 @@ typedef struct Kel_Types_XOpenMessage {
     Kel_Types_XOpenMessageEntry* buffer;
 } Kel_Types_XOpenMessage;
 
-/* The base exception record. Derived records append their own fields. */
-typedef struct ExException {
-    char* type_id;          /* inheritance chain, e.g. "...:ExErrorMsg" */
-    char* reserved_text;    /* unused here: null */
-    int32_t reserved_code;  /* unused here: 0 */
-    char* format;           /* how to print the record: "%7$M" */
-    int32_t timestamp;      /* seconds since the epoch at creation */
-    _sequence_any contexts; /* message contexts: empty here */
+/* The seven base fields every exception record starts with, in marshalling
+ * order. A derived record declares them first (with this macro) and appends
+ * its own scalar fields, so a pointer to any record of the family can be read
+ * as an ExException. */
+#define FANOUT_EXCEPTION_FIELDS                                              \
+    char* type_id;          /* inheritance chain, e.g. "...:ExErrorMsg" */     \
+    char* reserved_text;    /* unused here: null */                           \
+    int32_t reserved_code;  /* unused here: 0 */                              \
+    char* format;           /* how to print the record: "%7$M" */             \
+    int32_t timestamp;      /* seconds since the epoch at creation */         \
+    _sequence_any contexts; /* message contexts: empty here */                \
     Kel_Types_XOpenMessage messages; /* one entry */
+
+/* The base exception record (the runtime's ExErrorMsg). Every block it points
+ * to comes from the runtime allocator and belongs to the record. */
+typedef struct ExException {
+    FANOUT_EXCEPTION_FIELDS
 } ExException;
 
 FANOUT_EXPORT extern const struct TypeCodeRec _tc_rec_Kel_Types_XOpenMessageEntry,

@@ -31,7 +31,7 @@ typedef struct PalError {
 
 /* Builds a PalError from its three fields, unchanged. Never fails. */
 FANOUT_EXPORT PalError PalErrorCreate(PalInt32 palError, PalInt32 nativeError,
-                                      PalInt32 traceLocation);
+                                      PalInt32 traceLocation) FANOUT_NOEXCEPT;
 
 FANOUT_END_DECLS
 

@@ -13,6 +13,7 @@
 
 typedef char PalInt8;         /* signed 8-bit (the plain character type) */
 typedef int32_t PalInt32;     /* signed 32-bit */
+typedef uint8_t PalUint8;     /* unsigned 8-bit: raw bytes */
 typedef uint32_t PalUint32;   /* unsigned 32-bit */
 typedef int64_t PalInt64;     /* signed 64-bit: file sizes and offsets */
 typedef uint64_t PalUint64;   /* unsigned 64-bit */
@@ -21,5 +22,19 @@ typedef unsigned char PalBool; /* one byte: 0 false, anything else true */
 
 #define PAL_TRUE ((PalBool)1)
 #define PAL_FALSE ((PalBool)0)
+
+/* The portability layer never raises: its C++ definitions are noexcept, and
+ * the declarations say so to C++ callers (C sees nothing). */
+#ifndef FANOUT_NOEXCEPT
+#ifdef __cplusplus
+#define FANOUT_NOEXCEPT noexcept
+#else
+#define FANOUT_NOEXCEPT
+#endif
+#endif
+
+/* Size of the path and name buffers the layer works with (file-info names,
+ * directory entries, the working directory, temporary names). */
+#define PAL_PATH_MAX 1024
 
 #endif /* FANOUT_PALTYPES_H */

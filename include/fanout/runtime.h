@@ -118,7 +118,12 @@ FANOUT_EXPORT extern const TypeCode TC_null, TC_void, TC_short, TC_long, TC_usho
 FANOUT_EXPORT int32_t TypeCode_equal(TypeCode a, TypeCode b);
 
 /* Reference counting of type codes built at run time. Static type codes
- * (refcount -1) are returned unchanged and never freed. Null is ignored. */
+ * (refcount -1) are returned unchanged and never freed. Null is ignored.
+ * A run-time type code is one mg_malloc'ed TypeCodeRec whose strings, member
+ * name array (and each name), member type array and offset array are each a
+ * separate mg_malloc'ed block or null, and which holds one reference to each
+ * member type; the release that drops the count to 0 releases the member
+ * types and frees all of those blocks. Counting is thread-safe. */
 FANOUT_EXPORT TypeCode TypeCode_duplicate(TypeCode tc);
 FANOUT_EXPORT void TypeCode_release(TypeCode tc);
 
@@ -166,16 +171,60 @@ FANOUT_EXPORT extern const TypeCode TC_Kel_Types_OctetList, TC_Kel_Types_StringL
     TC__sequence_any_MsgContext;
 
 /* An object reference: a reference-counted record naming a remote object by
- * its repository id and its profiles (kept as the raw CDR of an IOR's profile
- * list). Null is the nil reference. */
+ * its repository id and its tagged profiles, the two parts of a CDR IOR.
+ * Null is the nil reference (on the wire: an empty type id and no profiles).
+ * Duplicating and releasing are thread-safe; the record is immutable. */
 typedef struct ObjectRec* Object;
 
-/* A new reference with the given repository id and raw profile bytes (both
- * copied). Release with Object_release. */
-FANOUT_EXPORT Object Object_new(const char* type_id, const void* profiles, uint32_t length);
-FANOUT_EXPORT Object Object_duplicate(Object obj); /* null gives null */
-FANOUT_EXPORT void Object_release(Object obj);     /* null is ignored */
-FANOUT_EXPORT const char* Object_type_id(Object obj); /* "" for nil */
+/* One profile of an object reference: its profile tag and its body, the
+ * profile's octets exactly as they travel (usually an encapsulation). */
+typedef struct ObjectProfile {
+    uint32_t tag;
+    Kel_Types_OctetList data;
+} ObjectProfile;
+
+/* A new reference with repository id `type_id` (null is taken as "") and
+ * copies of the `count` profiles at `profiles` (which may be null only when
+ * count is 0). Everything is copied; the caller keeps its arguments. Never
+ * returns null, even for an empty id without profiles: the decoder, not this
+ * call, maps that form to nil. Release with Object_release. */
+FANOUT_EXPORT Object Object_new(const char* type_id, const ObjectProfile* profiles,
+                                uint32_t count);
+/* Another reference to the same record (the count goes up); null gives null. */
+FANOUT_EXPORT Object Object_duplicate(Object obj);
+/* Drops one reference; the last one frees the record. Null is ignored. */
+FANOUT_EXPORT void Object_release(Object obj);
+/* The repository id, owned by the record; "" for nil. */
+FANOUT_EXPORT const char* Object_type_id(Object obj);
+/* The number of profiles; 0 for nil. */
+FANOUT_EXPORT uint32_t Object_profile_count(Object obj);
+/* Profile `index`, owned by the record, or null for nil or an index not below
+ * Object_profile_count. */
+FANOUT_EXPORT const ObjectProfile* Object_profile(Object obj, uint32_t index);
+/* 1 when both are nil, or the same record, or have the same type id and the
+ * same profiles (tags and octets, in order); else 0. */
+FANOUT_EXPORT int32_t Object_equal(Object a, Object b);
+
+/* ------------------------------------------------------------------------ */
+/* Type repositories. A module lists its type codes in a repository and hands
+ * it to adr_type_init at start-up; the decoder then maps a type code read
+ * from the wire to the module's own static one when the repository ids match
+ * and the two are structurally equal (TypeCode_equal), so decoded values
+ * carry the library's type codes wherever it knows the type. */
+typedef struct TypeRepository {
+    const char* module;            /* module name, e.g. "Kel_Fanout2"; null ends a list */
+    const TypeCode* const* types;  /* addresses of TypeCode variables, null-terminated */
+} TypeRepository;
+
+/* The empty repository that ends a registration record. */
+FANOUT_EXPORT extern const TypeRepository type_repository_null;
+
+/* Registers every type code of every repository in `registration`: an array
+ * of `const TypeRepository*` ending with &type_repository_null (or a null
+ * pointer). A repository id already registered keeps its first type code;
+ * type codes without a repository id are skipped. Null is ignored.
+ * Thread-safe; raises only when memory is exhausted. */
+FANOUT_EXPORT void adr_type_init(const void* registration);
 
 /* ------------------------------------------------------------------------ */
 /* The environment record. A call that cannot raise reports an exception by
@@ -210,23 +259,37 @@ FANOUT_EXPORT void* seq_remove(void* seq, uint32_t index, uint32_t element_size)
 FANOUT_EXPORT void seq_free_buffer(void* seq);
 
 /* ------------------------------------------------------------------------ */
-/* Generic operations driven by type codes. A failure that cannot be raised
- * (a type code the runtime cannot walk) is recorded in env when env is not
- * null. */
+/* Generic operations driven by type codes. They walk the kinds null, void,
+ * short, ushort, long, ulong, longlong, ulonglong, float, double, boolean,
+ * char, octet, enum, string, any, TypeCode, objref, struct, exception,
+ * sequence and alias. Other kinds (principal, union, array) cannot be walked:
+ * the operation records the exception "Unsupported type code kind (%1$d)" in
+ * env when env is not null, and leaves the unwalkable part alone (copy: that
+ * part of the destination is zeroed; equal: the answer is 0). */
 
-/* Frees what the value at `value` owns, deeply; the block at `value` itself
- * is not freed. Null value is ignored. */
+/* Frees what the value at `value` owns, deeply (strings, sequence buffers,
+ * an any's value block and type code reference, object references), and
+ * zeroes the value; the block at `value` itself is NOT freed: a caller that
+ * owns the block frees it with mg_free afterwards. Null value or null tc is
+ * ignored; parts of an unwalkable kind are left as they are (leaked). */
 FANOUT_EXPORT void kel_free_generic(void* value, TypeCode tc);
 
-/* Deep copy of `source` into a newly allocated block of tc->size bytes.
- * `temporary` is a hint with no effect here. */
+/* Deep copy of `source` into a newly allocated block of tc->size bytes (the
+ * caller owns it: kel_free_generic, then mg_free). `temporary` is a hint with
+ * no effect here. Null source or null tc gives null. A copied sequence has
+ * maximum equal to its length. */
 FANOUT_EXPORT void* _generic_copy(TypeCode tc, Environment* env, const void* source,
                                   int32_t temporary);
 /* Deep copy of `source` into the caller's storage at `dest` (tc->size bytes;
  * whatever was there is overwritten, not freed). */
 FANOUT_EXPORT void _t_generic_copy(TypeCode tc, Environment* env, void* dest,
                                    const void* source);
-/* Deep equality: 1 when the two values have equal contents, else 0. */
+/* Deep equality: 1 when the two values have equal contents, else 0. Same
+ * pointer gives 1 at once. Strings compare by bytes (null equals ""); floats
+ * and doubles by their bits (as they marshal); sequences by length and
+ * elements (maximum is ignored); anys by TypeCode_equal of their types and
+ * then their values; object references by Object_equal. The _t_ form is the
+ * same operation (kept for the generated typed functions). */
 FANOUT_EXPORT int32_t _generic_equal(TypeCode tc, Environment* env, const void* a,
                                      const void* b);
 FANOUT_EXPORT int32_t _t_generic_equal(TypeCode tc, Environment* env, const void* a,
@@ -236,7 +299,9 @@ FANOUT_EXPORT int32_t _t_generic_equal(TypeCode tc, Environment* env, const void
  * member values: one pointer argument per member, in member order, each the
  * address of the member's value (strings and scalars by address, sequences
  * and structs by pointer); each is deep-copied. The list ends with a null
- * pointer (a missing trailing member is left zeroed). */
+ * pointer (a missing trailing member is left zeroed). The caller owns the
+ * result (kel_free_generic, then mg_free). Raises when tc is not a struct or
+ * exception, or a member cannot be walked (nothing is left allocated). */
 FANOUT_EXPORT void* generic_create(TypeCode tc, ...);
 
 /* ------------------------------------------------------------------------ */

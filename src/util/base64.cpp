@@ -1,0 +1,193 @@
+// base64.cpp - the base64 (MIME) codec of the Depot's entry files.
+//
+// The encoder writes one unbroken line; the decoder skips the blanks and
+// control characters a MIME mailer puts between lines and otherwise takes
+// every character through its 256-entry table, so malformed text decodes to
+// something instead of failing. Output blocks come from the portability
+// layer's allocator and are sized the way the Depot has always sized them:
+// capacity rounded down to a multiple of 4096 plus 4096, zero-filled, which
+// keeps every encoded text NUL-terminated.
+//
+// This file is on the Depot side: nothing here raises.
+
+#include "fanout/base64.h"
+
+#include <array>
+#include <climits>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "fanout/palmemory.h"
+
+extern "C" const PalChar Base64Digits[65] =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+namespace fanout {
+namespace {
+
+constexpr uint8_t kNotDigit = 254;
+constexpr uint8_t kPad = 255;
+
+// The decode table: 254 for every character outside the alphabet, each
+// digit's value at its own code and at its code with the high bit added,
+// and 255 for '=' (61) and for 189 (61 with the high bit).
+constexpr std::array<uint8_t, 256> MakeDecodeTable() {
+    std::array<uint8_t, 256> t{};
+    for (auto& e : t) e = kNotDigit;
+    for (int v = 0; v < 64; ++v) {
+        auto c = static_cast<uint8_t>(
+            "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/"[v]);
+        t[c] = static_cast<uint8_t>(v);
+        t[c | 0x80] = static_cast<uint8_t>(v);
+    }
+    t[61] = kPad;
+    t[189] = kPad;
+    return t;
+}
+
+constexpr std::array<uint8_t, 256> m_DecodeTable = MakeDecodeTable();
+
+constexpr std::array<bool, 256> MakeBadMime() {
+    std::array<bool, 256> t{};
+    for (int c = 7; c <= 13; ++c) t[c] = true;
+    t[32] = true;
+    return t;
+}
+
+constexpr std::array<bool, 256> kBadMime = MakeBadMime();
+
+// Two output characters for every 12-bit half of a three-byte group.
+struct PairTable {
+    std::array<char, 2 * 4096> chars{};
+    constexpr PairTable() {
+        const char* d = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+        for (int v = 0; v < 4096; ++v) {
+            chars[2 * v] = d[v >> 6];
+            chars[2 * v + 1] = d[v & 63];
+        }
+    }
+};
+constexpr PairTable kPairs;
+
+// The work-buffer rule: a block of (n rounded down to 4096) + 4096 bytes,
+// zero-filled. Null when that does not fit the allocator's 32-bit size.
+uint8_t* AllocBuffer(uint64_t n) {
+    const uint64_t capacity = (n / 4096) * 4096 + 4096;
+    if (capacity > static_cast<uint64_t>(INT32_MAX)) return nullptr;
+    return static_cast<uint8_t*>(PalMemoryCalloc(1, static_cast<PalInt32>(capacity)));
+}
+
+// One three-byte group to four digits (no padding).
+inline void EncodeRaw(uint8_t b0, uint8_t b1, uint8_t b2, char* dest) {
+    const uint32_t v = (uint32_t{b0} << 16) | (uint32_t{b1} << 8) | b2;
+    std::memcpy(dest, &kPairs.chars[2 * (v >> 12)], 2);
+    std::memcpy(dest + 2, &kPairs.chars[2 * (v & 0xFFF)], 2);
+}
+
+// Four table values to three bytes, each cut to eight bits. Values 254 and
+// 255 (not a digit, padding) go through the same arithmetic on purpose.
+inline void DecodeRaw(const uint8_t* d, uint8_t* dest) {
+    dest[0] = static_cast<uint8_t>(((d[0] & 63) << 2) | ((d[1] >> 4) & 3));
+    dest[1] = static_cast<uint8_t>((d[1] << 4) | ((d[2] >> 2) & 15));
+    dest[2] = static_cast<uint8_t>((d[2] << 6) | (d[3] & 63));
+}
+
+}  // namespace
+}  // namespace fanout
+
+using namespace fanout;
+
+extern "C" {
+
+FANOUT_EXPORT PalBool IsBadMimeChar(PalChar c) {
+    return kBadMime[static_cast<uint8_t>(c)] ? PAL_TRUE : PAL_FALSE;
+}
+
+FANOUT_EXPORT void EncodeToBuffer(const PalUint8* group, PalInt32 count, PalChar* dest) {
+    if (group == nullptr || dest == nullptr || count < 1) return;
+    if (count > 3) count = 3;
+    uint8_t g[3] = {0, 0, 0};
+    std::memcpy(g, group, static_cast<size_t>(count));
+    EncodeRaw(g[0], g[1], g[2], dest);
+    if (count == 1) dest[2] = '=';
+    if (count < 3) dest[3] = '=';
+}
+
+FANOUT_EXPORT PalInt32 DecodeToBuffer(const PalUint8* group, PalInt32 count, PalUint8* dest) {
+    (void)count;  // a group is always four values; short groups arrive zero-completed
+    if (group == nullptr || dest == nullptr) return 0;
+    DecodeRaw(group, dest);
+    return 3;
+}
+
+FANOUT_EXPORT void Encode(const void* data, PalUint32 len, PalChar** out, PalUint32* outLen) {
+    if (out == nullptr || outLen == nullptr) return;
+    *out = nullptr;
+    *outLen = 0;
+    if (data == nullptr && len > 0) return;
+    // The output block is prepared for twice the input, as it always was;
+    // the text needs only 4/3 of it, so the zero fill terminates it.
+    auto* text = reinterpret_cast<char*>(AllocBuffer(2 * uint64_t{len}));
+    if (text == nullptr) return;
+    const auto* in = static_cast<const uint8_t*>(data);
+    const uint32_t whole = len / 3 * 3;
+    char* dest = text;
+    for (uint32_t i = 0; i < whole; i += 3, dest += 4) EncodeRaw(in[i], in[i + 1], in[i + 2], dest);
+    if (len > whole) {
+        EncodeToBuffer(in + whole, static_cast<PalInt32>(len - whole), dest);
+        dest += 4;
+    }
+    *out = text;
+    *outLen = static_cast<PalUint32>(dest - text);
+}
+
+FANOUT_EXPORT PalError Decode(const PalChar* text, PalUint32 len, PalUint8** out,
+                              PalUint32* outLen) {
+    if (out == nullptr || outLen == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 1);
+    *out = nullptr;
+    *outLen = 0;
+    if (text == nullptr && len > 0) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 1);
+    uint8_t* bytes = AllocBuffer(len);
+    if (bytes == nullptr) return PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 2);
+
+    const auto* in = reinterpret_cast<const uint8_t*>(text);
+    uint8_t* dest = bytes;
+    uint8_t group[4];
+    int kept = 0;
+    uint32_t i = 0;
+    while (i < len) {
+        // Whole groups of four characters with nothing to skip take the
+        // short way; anything else goes one character at a time.
+        if (kept == 0 && len - i >= 4 && !kBadMime[in[i]] && !kBadMime[in[i + 1]] &&
+            !kBadMime[in[i + 2]] && !kBadMime[in[i + 3]]) {
+            const uint8_t d[4] = {m_DecodeTable[in[i]], m_DecodeTable[in[i + 1]],
+                                  m_DecodeTable[in[i + 2]], m_DecodeTable[in[i + 3]]};
+            DecodeRaw(d, dest);
+            dest += 3;
+            i += 4;
+            continue;
+        }
+        const uint8_t c = in[i++];
+        if (kBadMime[c]) continue;
+        group[kept++] = m_DecodeTable[c];
+        if (kept == 4) {
+            DecodeRaw(group, dest);
+            dest += 3;
+            kept = 0;
+        }
+    }
+    PalUint32 count = static_cast<PalUint32>(dest - bytes);
+    if (kept > 0) {
+        // Left-over characters decode as a group completed with zeros and
+        // count as many bytes as there were characters.
+        for (int k = kept; k < 4; ++k) group[k] = 0;
+        DecodeRaw(group, dest);
+        count += static_cast<PalUint32>(kept);
+    }
+    *out = bytes;
+    *outLen = count;
+    return PalErrorCreate(PAL_OK, 0, 0);
+}
+
+}  // extern "C"

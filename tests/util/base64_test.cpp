@@ -1,0 +1,127 @@
+// Tests of the base64 codec: standard vectors, the MIME blank skipping, the
+// deliberate length rule of the decoder, and round trips of every length.
+#include "fanout/base64.h"
+
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include "fanout/palmemory.h"
+
+namespace {
+
+std::string EncodeText(const std::string& in) {
+    PalChar* out = nullptr;
+    PalUint32 len = 99;
+    Encode(in.data(), static_cast<PalUint32>(in.size()), &out, &len);
+    EXPECT_NE(out, nullptr);
+    std::string text(out, len);
+    EXPECT_EQ(out[len], '\0');  // zero-filled beyond the text
+    PalMemoryFree(out);
+    return text;
+}
+
+std::string DecodeText(const std::string& in) {
+    PalUint8* out = nullptr;
+    PalUint32 len = 99;
+    PalError e = Decode(in.data(), static_cast<PalUint32>(in.size()), &out, &len);
+    EXPECT_EQ(e.palError, PAL_OK);
+    std::string bytes(reinterpret_cast<char*>(out), len);
+    PalMemoryFree(out);
+    return bytes;
+}
+
+struct Vector {
+    const char* plain;
+    const char* text;
+};
+
+TEST(Base64, EncodesTheStandardVectors) {
+    const Vector vectors[] = {{"", ""},           {"f", "Zg=="},         {"fo", "Zm8="},
+                              {"foo", "Zm9v"},    {"foob", "Zm9vYg=="},  {"fooba", "Zm9vYmE="},
+                              {"foobar", "Zm9vYmFy"}, {"Man", "TWFu"},  {"M", "TQ=="},
+                              {"Ma", "TWE="}};
+    for (const auto& v : vectors) EXPECT_EQ(EncodeText(v.plain), v.text) << v.plain;
+}
+
+TEST(Base64, DecodeCountsThreeBytesPerGroupAndLeftoverCharacters) {
+    struct Case {
+        std::string text;
+        std::string bytes;
+    };
+    const Case cases[] = {
+        {"TWFu", "Man"},
+        {"TQ==", std::string("M\0\0", 3)},  // padding still counts three bytes
+        {"QQ==", std::string("A\0\0", 3)},
+        {"TQ", std::string("M\0", 2)},      // two left-over characters add two
+        {"TWFuTQ", std::string("ManM\0", 5)},
+        {"", ""},
+    };
+    for (const auto& c : cases) EXPECT_EQ(DecodeText(c.text), c.bytes) << c.text;
+}
+
+TEST(Base64, DecodeSkipsMimeBlanksAnywhere) {
+    for (const char* text : {"T\nWFu", "TW\r\nFu", "\tTWFu ", "T W F u", "TWF\x0bu\x07", "\x0cTWFu"}) {
+        EXPECT_EQ(DecodeText(text), "Man") << text;
+    }
+    EXPECT_TRUE(IsBadMimeChar(' '));
+    EXPECT_TRUE(IsBadMimeChar('\x07'));
+    EXPECT_TRUE(IsBadMimeChar('\r'));
+    EXPECT_FALSE(IsBadMimeChar('\x06'));
+    EXPECT_FALSE(IsBadMimeChar('\x0e'));
+    EXPECT_FALSE(IsBadMimeChar('='));
+}
+
+TEST(Base64, InvalidCharactersDecodeThroughTheirTableValues) {
+    // '*' is not a digit (254), '=' is padding (255): both go through the
+    // group arithmetic instead of failing. 254 & 63 = 62, so "****" gives the
+    // bytes of "++++" except for the high bits each value carries.
+    const std::string bytes = DecodeText("****");
+    ASSERT_EQ(bytes.size(), 3u);
+    EXPECT_EQ(static_cast<unsigned char>(bytes[0]), ((254 & 63) << 2 | ((254 >> 4) & 3)) & 0xFF);
+    EXPECT_EQ(static_cast<unsigned char>(bytes[1]), ((254 << 4) | ((254 >> 2) & 15)) & 0xFF);
+    EXPECT_EQ(static_cast<unsigned char>(bytes[2]), ((254 << 6) | (254 & 63)) & 0xFF);
+    // A character with the high bit set decodes as the digit without it.
+    EXPECT_EQ(DecodeText("\xd4WFu"), "Man");
+}
+
+TEST(Base64, LongInputIsOneUnbrokenLine) {
+    const std::string in(3000, 'x');
+    const std::string text = EncodeText(in);
+    EXPECT_EQ(text.size(), 4000u);
+    EXPECT_EQ(text.find_first_of("\r\n"), std::string::npos);
+}
+
+TEST(Base64, RoundTripsEveryLengthUpTo300) {
+    std::mt19937 rng(7);
+    for (size_t n = 0; n <= 300; ++n) {
+        std::string in(n, '\0');
+        for (auto& c : in) c = static_cast<char>(rng());  // high-bit bytes included
+        const std::string text = EncodeText(in);
+        ASSERT_EQ(text.size(), 4 * ((n + 2) / 3));
+        const std::string out = DecodeText(text);
+        ASSERT_GE(out.size(), n);
+        EXPECT_EQ(out.substr(0, n), in) << n;
+    }
+}
+
+TEST(Base64, GroupHelpersAndNullArguments) {
+    const PalUint8 group[3] = {'M', 'a', 'n'};
+    char dest[5] = {};
+    EncodeToBuffer(group, 2, dest);
+    EXPECT_STREQ(dest, "TWE=");
+    const PalUint8 values[4] = {19, 22, 5, 46};
+    PalUint8 bytes[3];
+    EXPECT_EQ(DecodeToBuffer(values, 4, bytes), 3);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(bytes), 3), "Man");
+
+    PalUint32 len = 0;
+    EXPECT_EQ(Decode("TWFu", 4, nullptr, &len).palError, PAL_ERR_INVALID_ARGUMENT);
+    PalChar* out = reinterpret_cast<PalChar*>(1);
+    Encode(nullptr, 5, &out, &len);
+    EXPECT_EQ(out, nullptr);
+}
+
+}  // namespace
