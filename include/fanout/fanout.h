@@ -11,5 +11,7 @@
 #include "thread.h"
 #include "types.h"
 #include "catalog.h"
+#include "fanout2.h"
+#include "kelver.h"
 
 #endif /* FANOUT_FANOUT_H */

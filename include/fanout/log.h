@@ -5,7 +5,8 @@
  * FANOUT_LOG_FILE (appended) or, without it, to standard error. A handler
  * installed with fanout_log_set_handler receives every line that passes the
  * level filter instead. A suppressed level costs one comparison: nothing is
- * formatted.
+ * formatted. The default destination adds a newline to a line that lacks
+ * one. FANOUT_LOG_LEVEL and FANOUT_LOG_FILE are read once, at the first line.
  */
 #ifndef FANOUT_LOG_H
 #define FANOUT_LOG_H
@@ -17,14 +18,21 @@
 FANOUT_BEGIN_DECLS
 
 /* Logs a catalogue-style message: `format` with positional placeholders
- * ("%1$s", "%2$d") substituted from the arguments as vaThrow consumes them;
- * a "%" not starting such a placeholder is copied as it is, so an already
- * formatted text is logged unchanged. catalog/number name the message (0 for
- * none); `flags` is reserved (callers pass -1). */
+ * ("%1$s", "%2$d") substituted from the arguments, which are read as vaThrow
+ * reads them (by conversion letter, in order of appearance). A format that is
+ * not such a message text (it has "%d" or another conversion vaThrow does not
+ * accept) is logged as it is and no argument is read, so an already formatted
+ * line passes unchanged. A formatted line that may contain "%N$s" itself must
+ * go through fanout_log_line or as the argument of "%1$s": it would otherwise
+ * be taken for a message text. catalog/number name the message (null/0 for
+ * none; there is no translation, the default text is logged); `flags` is
+ * reserved (callers pass -1). Never raises. */
 FANOUT_EXPORT void LogMsg(int32_t level, const char* catalog, int32_t number, int32_t flags,
                           const char* format, ...);
-/* Logs a printf-style line through the log queue. */
+/* Logs a printf-style line through the log queue. Never raises. */
 FANOUT_EXPORT void LogQ(int32_t level, const char* format, ...) FANOUT_PRINTF(2, 3);
+/* Logs `line` exactly as it is (no substitution). Null is ignored. */
+FANOUT_EXPORT void fanout_log_line(int32_t level, const char* line);
 
 /* Receives each line that passes the level filter (without a trailing
  * newline added or removed). Null restores the default destination. */

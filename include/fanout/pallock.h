@@ -22,7 +22,7 @@ FANOUT_BEGIN_DECLS
 /* The caller's handle. `handle` points at this process's PalInternalSem; it is
  * null before initialisation (the caller zeroes it). */
 typedef struct PalSemHandle {
-    void *handle;
+    void* handle;
 } PalSemHandle;
 
 /* The per-process record behind a PalSemHandle, allocated by PalInitSem and
@@ -39,27 +39,27 @@ typedef struct PalInternalSem {
  * the record cannot be allocated; PAL_WAIT_TIMEOUT (-2, errno, 1) when the
  * system refuses to create, open or initialise the set. On failure
  * handle->handle keeps its previous contents. */
-FANOUT_EXPORT PalError PalInitSem(PalSemHandle *handle, const PalChar *key) FANOUT_NOEXCEPT;
+FANOUT_EXPORT PalError PalInitSem(PalSemHandle* handle, const PalChar* key) FANOUT_NOEXCEPT;
 
 /* Takes the semaphore, blocking without time limit while another holder has
  * it. Returns PAL_OK, or PAL_WAIT_TIMEOUT (-2, errno, 1) when the wait fails:
  * the set was removed (EIDRM) or a signal interrupted the wait (EINTR). */
-FANOUT_EXPORT PalError PalWaitSem(PalSemHandle *handle) FANOUT_NOEXCEPT;
+FANOUT_EXPORT PalError PalWaitSem(PalSemHandle* handle) FANOUT_NOEXCEPT;
 
 /* Releases the semaphore. It does not check that the caller holds it: an
  * unmatched release raises the value above 1. Returns PAL_OK, or
  * PAL_WAIT_TIMEOUT (-2, errno, 1) when the system call fails. */
-FANOUT_EXPORT PalError PalPostSem(PalSemHandle *handle) FANOUT_NOEXCEPT;
+FANOUT_EXPORT PalError PalPostSem(PalSemHandle* handle) FANOUT_NOEXCEPT;
 
 /* Frees this process's internal record; the semaphore set stays in the system
  * for the other processes. handle->handle is not cleared: the caller must not
  * use the handle again. Always PAL_OK. */
-FANOUT_EXPORT PalError PalCloseSem(PalSemHandle *handle) FANOUT_NOEXCEPT;
+FANOUT_EXPORT PalError PalCloseSem(PalSemHandle* handle) FANOUT_NOEXCEPT;
 
 /* Removes the semaphore set from the system and frees the internal record.
  * Processes blocked in PalWaitSem on the set wake with (-2, EIDRM, 1).
  * handle->handle is not cleared. Always PAL_OK. */
-FANOUT_EXPORT PalError PalDestSem(PalSemHandle *handle) FANOUT_NOEXCEPT;
+FANOUT_EXPORT PalError PalDestSem(PalSemHandle* handle) FANOUT_NOEXCEPT;
 
 FANOUT_END_DECLS
 

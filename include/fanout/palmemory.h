@@ -134,7 +134,7 @@ FANOUT_EXPORT PalInt32 PalStringStrspn(const PalChar* s1, const PalChar* s2) FAN
  * number of characters written, negative on an output error or when string
  * or format is null. */
 FANOUT_EXPORT PalInt32 PalStringSprintf(PalChar* string, const PalChar* format, ...)
-    FANOUT_PRINTF(2, 3) FANOUT_NOEXCEPT;
+    FANOUT_NOEXCEPT FANOUT_PRINTF(2, 3);
 
 FANOUT_END_DECLS
 

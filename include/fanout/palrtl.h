@@ -14,7 +14,7 @@
 FANOUT_BEGIN_DECLS
 
 /* An open library: the host loader's opaque handle. */
-typedef void *PalRtlHandle;
+typedef void* PalRtlHandle;
 
 /* Loads a shared library and returns its handle, or null on failure (the
  * reason is then available from PalRtlError). A name without '.' and '/' is
@@ -22,13 +22,13 @@ typedef void *PalRtlHandle;
  * characters. Only the name "pthread" has a second try, "libpthread.so.0",
  * when "libpthread.so" cannot be loaded. A null name gives null. Release the
  * handle with PalRtlUnload. */
-FANOUT_EXPORT PalRtlHandle PalRtlLoad(const PalChar *name) FANOUT_NOEXCEPT;
+FANOUT_EXPORT PalRtlHandle PalRtlLoad(const PalChar* name) FANOUT_NOEXCEPT;
 
 /* Returns the address of `symbol` in the library `handle`, or null when it is
  * not found or `symbol` is null. A null handle searches the process's global
  * scope, as the host loader does. The address is valid while the library
  * stays loaded. */
-FANOUT_EXPORT void *PalRtlResolve(PalRtlHandle handle, const PalChar *symbol) FANOUT_NOEXCEPT;
+FANOUT_EXPORT void* PalRtlResolve(PalRtlHandle handle, const PalChar* symbol) FANOUT_NOEXCEPT;
 
 /* Unloads a library loaded by PalRtlLoad. The loader's result is not
  * reported; a null handle is ignored. */
@@ -37,7 +37,7 @@ FANOUT_EXPORT void PalRtlUnload(PalRtlHandle handle) FANOUT_NOEXCEPT;
 /* Returns the loader's text for its last error and clears it, or the literal
  * "(No Error)" when there is none. The text belongs to the loader and is
  * valid until the next loader call in this thread; never null. */
-FANOUT_EXPORT const PalChar *PalRtlError(void) FANOUT_NOEXCEPT;
+FANOUT_EXPORT const PalChar* PalRtlError(void) FANOUT_NOEXCEPT;
 
 FANOUT_END_DECLS
 

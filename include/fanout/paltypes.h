@@ -24,7 +24,8 @@ typedef unsigned char PalBool; /* one byte: 0 false, anything else true */
 #define PAL_FALSE ((PalBool)0)
 
 /* The portability layer never raises: its C++ definitions are noexcept, and
- * the declarations say so to C++ callers (C sees nothing). */
+ * the declarations say so to C++ callers (C sees nothing). It goes before an
+ * attribute such as FANOUT_PRINTF: "f(...) FANOUT_NOEXCEPT FANOUT_PRINTF(1, 2);". */
 #ifndef FANOUT_NOEXCEPT
 #ifdef __cplusplus
 #define FANOUT_NOEXCEPT noexcept

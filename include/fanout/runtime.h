@@ -243,7 +243,7 @@ typedef struct Environment {
 /* Raises the exception held in env (moving it out, so env is clear again);
  * does nothing when env holds none or is null. */
 FANOUT_EXPORT void ev_to_exception(Environment* env);
-/* Frees any exception held in env and clears it. */
+/* Frees any exception held in env (ex_free) and zeroes env. Null is ignored. */
 FANOUT_EXPORT void ev_clear(Environment* env);
 
 /* ------------------------------------------------------------------------ */
@@ -299,7 +299,8 @@ FANOUT_EXPORT int32_t _t_generic_equal(TypeCode tc, Environment* env, const void
  * member values: one pointer argument per member, in member order, each the
  * address of the member's value (strings and scalars by address, sequences
  * and structs by pointer); each is deep-copied. The list ends with a null
- * pointer (a missing trailing member is left zeroed). The caller owns the
+ * pointer, written (void*)0 or nullptr, not a plain 0 (members after it are
+ * left zeroed). The caller owns the
  * result (kel_free_generic, then mg_free). Raises when tc is not a struct or
  * exception, or a member cannot be walked (nothing is left allocated). */
 FANOUT_EXPORT void* generic_create(TypeCode tc, ...);

@@ -9,13 +9,13 @@
 // increment (it never shrinks). The array always carries one zeroed spare slot
 // past `capacity`: the validity test admits a descriptor equal to the capacity
 // and reads that slot's `used` word, which therefore must exist and read 0.
-// Nothing here allocates through C++ (only malloc/calloc/realloc) and nothing
-// throws.
+// Memory comes from the layer's allocator (PalMemory*, 32-bit sizes); nothing
+// here throws.
 
 #include "fanout/pallist.h"
+#include "fanout/palmemory.h"
 
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 
 namespace fanout {
@@ -32,34 +32,43 @@ constexpr PalError Result(PalInt32 code, PalInt32 location) noexcept {
 // inclusive on purpose (a descriptor equal to the capacity passes and reads the
 // spare slot, which is always free). Negative descriptors are rejected here:
 // they would otherwise read before the array.
-bool IsValidDescriptor(const PalList1 *list, PalInt32 descriptor) noexcept {
-    return descriptor >= 0 && descriptor <= list->capacity &&
-           list->slots[descriptor].used != 0;
+bool IsValidDescriptor(const PalList1* list, PalInt32 descriptor) noexcept {
+    return descriptor >= 0 && descriptor <= list->capacity && list->slots[descriptor].used != 0;
 }
 
+// One uninitialised T from the layer's allocator, or null.
+template <class T>
+T* Allocate() noexcept {
+    return static_cast<T*>(PalMemoryMalloc(static_cast<PalInt32>(sizeof(T))));
+}
+
+constexpr PalInt32 kSlotSize = static_cast<PalInt32>(sizeof(PalList1Slot));
+
+// The largest capacity whose array, spare slot included, the allocator's
+// 32-bit sizes can describe.
+constexpr PalInt32 kMaxCapacity = INT32_MAX / kSlotSize - 1;
+
 // Allocates `count` zeroed slots plus the spare, or null.
-PalList1Slot *NewSlots(PalInt32 count) noexcept {
-    return static_cast<PalList1Slot *>(
-        std::calloc(static_cast<std::size_t>(count) + 1, sizeof(PalList1Slot)));
+PalList1Slot* NewSlots(PalInt32 count) noexcept {
+    if (count > kMaxCapacity) {
+        return nullptr;
+    }
+    return static_cast<PalList1Slot*>(PalMemoryCalloc(count + 1, kSlotSize));
 }
 
 // Grows the array by `increment` slots. The new slots and the new spare are
-// zeroed, so a slot that was never used always reads as free (the array is
-// not otherwise initialised when it grows). Fails, leaving the list unchanged,
-// when the increment is 0, the capacity would pass the largest descriptor, or
+// zeroed, so a slot that was never used always reads as free (reallocation
+// alone would leave them undefined). Fails, leaving the list unchanged,
+// when the increment is 0, the array would outgrow the allocator's sizes, or
 // the reallocation fails.
-bool Grow(PalList1 *list) noexcept {
+bool Grow(PalList1* list) noexcept {
     const PalInt32 oldCapacity = list->capacity;
     const PalInt32 increment = list->increment;
-    if (increment <= 0 || increment > INT32_MAX - oldCapacity) {
+    if (increment <= 0 || increment > kMaxCapacity - oldCapacity) {
         return false;
     }
-    const std::size_t count = static_cast<std::size_t>(oldCapacity) + increment + 1;
-    if (count > SIZE_MAX / sizeof(PalList1Slot)) {
-        return false;
-    }
-    auto *slots =
-        static_cast<PalList1Slot *>(std::realloc(list->slots, count * sizeof(PalList1Slot)));
+    const PalInt32 bytes = (oldCapacity + increment + 1) * kSlotSize;
+    auto* slots = static_cast<PalList1Slot*>(PalMemoryRealloc(list->slots, bytes));
     if (slots == nullptr) {
         return false;
     }
@@ -76,7 +85,7 @@ bool Grow(PalList1 *list) noexcept {
 
 using fanout::kNone;
 
-extern "C" FANOUT_EXPORT PalInt32 PalList1Create(PalList1 **list_ptr, PalInt32 count,
+extern "C" FANOUT_EXPORT PalInt32 PalList1Create(PalList1** list_ptr, PalInt32 count,
                                                  PalInt32 increment) noexcept {
     if (list_ptr == nullptr || increment < 0) {
         return -1;
@@ -85,7 +94,7 @@ extern "C" FANOUT_EXPORT PalInt32 PalList1Create(PalList1 **list_ptr, PalInt32 c
     if (count < 0) {
         return -1;
     }
-    auto *list = static_cast<PalList1 *>(std::malloc(sizeof(PalList1)));
+    auto* list = fanout::Allocate<PalList1>();
     if (list == nullptr) {
         return -1;
     }
@@ -93,7 +102,7 @@ extern "C" FANOUT_EXPORT PalInt32 PalList1Create(PalList1 **list_ptr, PalInt32 c
     // array by the increment (and fails when the increment is 0 as well).
     list->slots = fanout::NewSlots(count);
     if (list->slots == nullptr) {
-        std::free(list);
+        PalMemoryFree(list);
         return -1;
     }
     list->last = kNone;
@@ -107,16 +116,16 @@ extern "C" FANOUT_EXPORT PalInt32 PalList1Create(PalList1 **list_ptr, PalInt32 c
     return 0;
 }
 
-extern "C" FANOUT_EXPORT void PalList1Destroy(PalList1 **list_ptr) noexcept {
+extern "C" FANOUT_EXPORT void PalList1Destroy(PalList1** list_ptr) noexcept {
     if (list_ptr == nullptr || *list_ptr == nullptr) {
         return;
     }
-    std::free((*list_ptr)->slots);
-    std::free(*list_ptr);
+    PalMemoryFree((*list_ptr)->slots);
+    PalMemoryFree(*list_ptr);
     *list_ptr = nullptr;
 }
 
-extern "C" FANOUT_EXPORT PalInt32 PalList1Add(PalList1 *list, void *value) noexcept {
+extern "C" FANOUT_EXPORT PalInt32 PalList1Add(PalList1* list, void* value) noexcept {
     if (list == nullptr) {
         return -1;
     }
@@ -130,7 +139,7 @@ extern "C" FANOUT_EXPORT PalInt32 PalList1Add(PalList1 *list, void *value) noexc
         }
         list->slots[d].link = kNone;
     }
-    PalList1Slot *slots = list->slots;
+    PalList1Slot* slots = list->slots;
 
     PalInt32 nextFree;
     if (slots[d].link == kNone) {
@@ -154,12 +163,12 @@ extern "C" FANOUT_EXPORT PalInt32 PalList1Add(PalList1 *list, void *value) noexc
     return d;
 }
 
-extern "C" FANOUT_EXPORT PalInt32 PalList1Remove(PalList1 *list, PalInt32 descriptor) noexcept {
+extern "C" FANOUT_EXPORT PalInt32 PalList1Remove(PalList1* list, PalInt32 descriptor) noexcept {
     if (list == nullptr || !fanout::IsValidDescriptor(list, descriptor)) {
         return -1;
     }
-    PalList1Slot *slots = list->slots;
-    PalList1Slot &slot = slots[descriptor];
+    PalList1Slot* slots = list->slots;
+    PalList1Slot& slot = slots[descriptor];
     if (slot.next != kNone) {
         slots[slot.next].link = slot.link;
     } else {
@@ -174,30 +183,29 @@ extern "C" FANOUT_EXPORT PalInt32 PalList1Remove(PalList1 *list, PalInt32 descri
     return 0;
 }
 
-extern "C" FANOUT_EXPORT void *PalList1Access(PalList1 *list, PalInt32 descriptor) noexcept {
+extern "C" FANOUT_EXPORT void* PalList1Access(PalList1* list, PalInt32 descriptor) noexcept {
     if (list == nullptr || !fanout::IsValidDescriptor(list, descriptor)) {
         return nullptr;
     }
     return list->slots[descriptor].value;
 }
 
-extern "C" FANOUT_EXPORT PalUint32 PalList1GetSize(PalList1 *list) noexcept {
+extern "C" FANOUT_EXPORT PalUint32 PalList1GetSize(PalList1* list) noexcept {
     // The number of slots, not of elements: callers size their own tables by it.
     return list == nullptr ? 0 : static_cast<PalUint32>(list->capacity);
 }
 
-extern "C" FANOUT_EXPORT void PalList1SetSize(PalList1 *, PalUint32) noexcept {}
+extern "C" FANOUT_EXPORT void PalList1SetSize(PalList1*, PalUint32) noexcept {}
 
-extern "C" FANOUT_EXPORT PalError PalList1IteratorCreate(PalList1 *list,
-                                                         PalIterator *iterator) noexcept {
+extern "C" FANOUT_EXPORT PalError PalList1IteratorCreate(PalList1* list,
+                                                         PalIterator* iterator) noexcept {
     if (iterator == nullptr) {
         return fanout::Result(PAL_ERR_INVALID_ARGUMENT, 0);
     }
     if (list == nullptr) {
         return fanout::Result(PAL_ERR_INVALID_ARGUMENT, 1);
     }
-    auto *state =
-        static_cast<PalList1IteratorState *>(std::malloc(sizeof(PalList1IteratorState)));
+    auto* state = fanout::Allocate<PalList1IteratorState>();
     if (state == nullptr) {
         return fanout::Result(PAL_ERR_NO_MEMORY, 3);
     }
@@ -209,9 +217,8 @@ extern "C" FANOUT_EXPORT PalError PalList1IteratorCreate(PalList1 *list,
     return fanout::Result(PAL_OK, 4);
 }
 
-extern "C" FANOUT_EXPORT PalError PalList1IteratorNext(PalIterator *iterator,
-                                                       PalInt32 *descriptor,
-                                                       void **value) noexcept {
+extern "C" FANOUT_EXPORT PalError PalList1IteratorNext(PalIterator* iterator, PalInt32* descriptor,
+                                                       void** value) noexcept {
     if (iterator == nullptr) {
         return fanout::Result(PAL_ERR_INVALID_ARGUMENT, 0);
     }
@@ -221,11 +228,11 @@ extern "C" FANOUT_EXPORT PalError PalList1IteratorNext(PalIterator *iterator,
     if (value == nullptr) {
         return fanout::Result(PAL_ERR_INVALID_ARGUMENT, 2);
     }
-    auto *state = static_cast<PalList1IteratorState *>(iterator->state);
+    auto* state = static_cast<PalList1IteratorState*>(iterator->state);
     if (state == nullptr || state->list == nullptr) {
         return fanout::Result(PAL_ERR_INVALID_ARGUMENT, 3);
     }
-    const PalList1 *list = state->list;
+    const PalList1* list = state->list;
     // Every index read here stays inside the array, spare slot included. A
     // caller that removed the current element is walked along the free chain
     // (the old behaviour); an index that leaves the array, which only such
@@ -245,11 +252,11 @@ extern "C" FANOUT_EXPORT PalError PalList1IteratorNext(PalIterator *iterator,
     return fanout::Result(PAL_OK, 5);
 }
 
-extern "C" FANOUT_EXPORT PalError PalList1IteratorEnd(PalIterator *iterator) noexcept {
+extern "C" FANOUT_EXPORT PalError PalList1IteratorEnd(PalIterator* iterator) noexcept {
     if (iterator == nullptr) {
         return fanout::Result(PAL_ERR_INVALID_ARGUMENT, 0);
     }
-    std::free(iterator->state);
+    PalMemoryFree(iterator->state);
     iterator->state = nullptr;
     return fanout::Result(PAL_OK, 1);
 }

@@ -1,0 +1,302 @@
+// depot.cpp - the Depot handle: opening and freeing a depot, its directory, the
+// cross-process locks every Depot operation takes, and Logger, the trace log.
+//
+// Design notes
+// ============
+//
+// 1. What a depot is. One flat directory holding, for every entry (a segment
+//    keyed by id and version), an entry file "<bucket>.<n>.xml" and a data
+//    file "<bucket>.<n>.dat". <bucket> is the key's bucket number printed with
+//    "%08u" (lookup.cpp); <n> is the smallest sequence number not used by an
+//    entry file of that bucket when the entry was added. The entry file is the
+//    one-line tagged text (entry_file.cpp)
+//        <<id>..</id><version>..</version><reference_count>..</reference_count>
+//        <state>..</state><checksum>..</checksum><deadline>..</deadline>
+//        <location>..</location><properties>..</properties>>
+//    (one line, no blanks) followed by a zero byte. It is rewritten in place
+//    without truncation, so bytes of an older, longer text may follow the
+//    zero byte; every reader stops at the first zero byte.
+//
+// 2. Entry states. 0 in progress (added, data file being filled), 1 complete
+//    (reusable by later additions, purgeable after its deadline), 2 in use (a
+//    complete entry a stream took as its local source). Transitions:
+//        add -> 0;  complete: any -> 1 (reference +1, deadline only moves
+//        later);  change state: caller's choice (streams set 2);
+//        unregister: reference -1, then -> 1 while references remain, else
+//        the files are deleted;  purge-expired: 1 with a past deadline ->
+//        deleted;  purge: deleted when unreferenced (or forced).
+//    Only state 1 is reusable or purgeable by deadline: an addition for a key
+//    in state 0 or 2 is refused.
+//
+// 3. Locks. depotLock ("depot.lk") guards depot-wide work and membership of
+//    the handle's `entries` list; entryLock ("entry.lk") guards record fields,
+//    the writing of entry files and the opening of data files; each
+//    enumerator has its own lock ("enum.lk") over its directory handle. The
+//    lock files live in the process's current directory. Order: depotLock
+//    before entryLock, never the reverse; the enumerator lock nests inside
+//    depotLock and is never held together with entryLock. Waits have no time
+//    limit; every take and release is undone by the system when a process
+//    dies. A failed take (PAL_WAIT_TIMEOUT) is treated as success, the
+//    operation going on without the lock, only in DepotNew, DepotFree,
+//    DepotFreeEntry, DepotPurgeExpiredEntries, DepotCompleteEntry and
+//    DepotAddEntry; a lock not taken is never released.
+//
+// 4. The semaphore counts. DepotNew releases both semaphores once without
+//    taking them, and DepotFree releases entryLock once more; DepotEnumNew
+//    does the same with its lock. Each such unmatched release raises the
+//    semaphore's count by one for the life of the releasing process (the
+//    system undoes it at exit). This is the established behaviour of the
+//    store and is kept; processes that need strict exclusion take the extra
+//    units back once after DepotNew.
+//
+// 5. Invariants the code keeps.
+//    5.1 A record is in `entries` at most once and is freed exactly once; a
+//        freed record is always taken off `entries` first (records are found
+//        there by address, never by key, when they are taken off).
+//    5.2 An entry file is never deleted while its data file exists, so a
+//        later scan still finds, and can purge, any data left on disk.
+//    5.3 Every entry file on disk was written whole by one write under
+//        entryLock and ends its text with a zero byte.
+//    5.4 Counters several processes change (reference_count, deadline) are
+//        re-read from the entry file under entryLock before they are changed
+//        and written back before the lock is released, so concurrent
+//        registrants never lose each other's updates.
+//    5.5 Nothing here raises; every failure is a PalError or a null result,
+//        and every path out of a function releases what it took.
+//    5.6 A lookup reads only the entry files of the key's bucket; repeated
+//        lookups of an entry this process holds are answered from `entries`
+//        after one check of its entry file.
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "depot/depot_internal.h"
+#include "fanout/log.h"
+#include "fanout/palfile.h"
+#include "fanout/palmemory.h"
+
+namespace fanout {
+
+namespace {
+
+constexpr PalInt32 kCreateReadWrite = 0x104;  // create if absent, read-write, keep contents
+
+// A semaphore whose creation failed and was tolerated has no record: every
+// operation on it reports the semaphore failure instead of touching it.
+PalError SemPost(PalSemHandle* sem) noexcept {
+    if (sem->handle == nullptr) return PalErrorCreate(PAL_WAIT_TIMEOUT, 0, 0);
+    return PalPostSem(sem);
+}
+
+void SemClose(PalSemHandle* sem) noexcept {
+    if (sem->handle != nullptr) PalCloseSem(sem);
+    sem->handle = nullptr;
+}
+
+}  // namespace
+
+PalError TouchLockFile(const PalChar* name) noexcept {
+    PalFileHandle file{};
+    PalError err = PalFileOpen(&file, name, kCreateReadWrite);
+    CloseQuietly(&file);
+    return err;
+}
+
+PalError DepotLock::Acquire() noexcept {
+    if (sem_->handle == nullptr) return PalErrorCreate(PAL_WAIT_TIMEOUT, 0, 0);
+    PalError err = PalWaitSem(sem_);
+    held_ = err.palError == PAL_OK;
+    return err;
+}
+
+void DepotLock::Release() noexcept {
+    if (!held_) return;
+    held_ = false;
+    PalError err = PalPostSem(sem_);
+    if (err.palError != PAL_OK && releaseFormat_ != nullptr) Logger(1, releaseFormat_, err.palError);
+}
+
+}  // namespace fanout
+
+using namespace fanout;
+
+extern "C" {
+
+void Logger(PalInt32 level, const PalChar* format, ...) noexcept {
+    if (format == nullptr || std::strlen(format) + 50 > 1024) return;
+    if (!fanout_log_enabled(level)) return;  // suppressed levels cost nothing
+    // The line is bounded to the buffer: a long path cut short is better than
+    // a write past it.
+    char text[1024] = {};
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    // Handed over as an argument, so that a '%' inside a path or key is never
+    // taken for a placeholder.
+    LogMsg(level, nullptr, 0, -1, "%1$s", text);
+}
+
+PalError DepotSetDir_internal(DepotHandle* handle, const PalChar* directory) noexcept {
+    Logger(3, "DepotSetDir entry\n");
+    if (handle == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
+    PalChar* copy = PalStringDup(directory != nullptr ? directory : "depot");
+    if (copy == nullptr) {
+        Logger(3, "DepotSetDir exit\n");
+        return PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 1);
+    }
+    // The previous directory string is freed: DepotGetDir's pointer is only
+    // good until the directory changes.
+    PalMemoryFree(handle->directory);
+    handle->directory = copy;
+    PalError result = Ok();
+    if (!PalDirIsDirectory(copy)) result = PalDirCreateDirectory(copy);
+    Logger(3, "DepotSetDir exit\n");
+    return result;
+}
+
+PalError DepotSetDir(DepotHandle* handle, const PalChar* directory) noexcept {
+    Logger(3, "DepotSetDir entry\n");
+    if (handle == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
+    DepotLock lock(&handle->depotLock, "DepotSetDir error %d releasing lock\n");
+    PalError err = lock.Acquire();
+    if (err.palError != PAL_OK) {
+        Logger(0, "DepotSetDir exit.  Error %d(%d) obtaining lock\n", err.palError,
+               err.nativeError);
+        return err;
+    }
+    PalError result = DepotSetDir_internal(handle, directory);
+    lock.Release();
+    Logger(3, "DepotSetDir exit\n");
+    return result;
+}
+
+const PalChar* DepotGetDir(DepotHandle* handle) noexcept {
+    Logger(3, "DepotGetDir entry\n");
+    const PalChar* dir = handle != nullptr ? handle->directory : nullptr;
+    Logger(3, "DepotGetDir exit\n");
+    return dir;
+}
+
+PalError DepotNew(DepotHandle** out, const PalChar* directory, PalUint32 storageLimit) noexcept {
+    Logger(3, "DepotNew entry\n");
+    if (out == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
+    *out = nullptr;
+    auto* handle = static_cast<DepotHandle*>(PalMemoryCalloc(1, sizeof(DepotHandle)));
+    if (handle == nullptr) {
+        Logger(0, "DepotNew exit.  Error allocating depot handle\n");
+        return PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 0);
+    }
+
+    PalError err = TouchLockFile("depot.lk");
+    if (err.palError != PAL_OK) {
+        PalMemoryFree(handle);
+        Logger(0, "DepotNew exit.  Error %d creating semaphore path\n", err.palError);
+        return err;
+    }
+    err = PalInitSem(&handle->depotLock, "depot.lk");
+    if (err.palError != PAL_OK) {
+        if (err.palError != PAL_WAIT_TIMEOUT) {
+            Logger(0, "DepotNew PalInitSem failed\n");
+            PalMemoryFree(handle);
+            Logger(0, "DepotNew exit.  Error %d(%d) creating depot synchronization object\n",
+                   err.palError, err.nativeError);
+            return err;
+        }
+        Logger(1, "DepotNew depot continue. Ignore WAIT_TIMEOUT\n");
+    }
+
+    err = TouchLockFile("entry.lk");
+    if (err.palError != PAL_OK) {
+        SemClose(&handle->depotLock);
+        PalMemoryFree(handle);
+        Logger(0, "DepotNew exit.  Error %d creating semaphore path\n", err.palError);
+        return err;
+    }
+    PalError entryStatus = PalInitSem(&handle->entryLock, "entry.lk");
+    if (entryStatus.palError != PAL_OK) {
+        if (entryStatus.palError != PAL_WAIT_TIMEOUT) {
+            Logger(0, "DepotNew PalInitSem failed\n");
+            SemClose(&handle->depotLock);
+            PalMemoryFree(handle);
+            Logger(0, "DepotNew exit.  Error %d(%d) creating entry synchronization object\n",
+                   entryStatus.palError, entryStatus.nativeError);
+            return entryStatus;
+        }
+        Logger(1, "DepotNew entry continue. Ignore WAIT_TIMEOUT\n");
+    }
+
+    // Creating a semaphore does not take it; this release raises its count by
+    // one for the life of the process (see the design notes, 4).
+    err = SemPost(&handle->entryLock);
+    if (err.palError != PAL_OK) Logger(1, "DepotSetDir error %d releasing entry lock\n", err.palError);
+
+    if (PalList1Create(&handle->entries, 256, 256) != 0) {
+        SemClose(&handle->entryLock);
+        SemClose(&handle->depotLock);
+        PalMemoryFree(handle);
+        Logger(0, "DepotNew exit.  Error creating depot entry list\n");
+        return PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 0);
+    }
+    handle->storageLimit = storageLimit;
+    handle->availableSpace = storageLimit;
+    (void)DepotSetDir_internal(handle, directory);  // a missing directory is not fatal
+
+    err = SemPost(&handle->depotLock);
+    if (err.palError != PAL_OK) Logger(1, "DepotSetDir error %d releasing depot lock\n", err.palError);
+
+    *out = handle;
+    Logger(3, "DepotNew exit\n");
+    return entryStatus;
+}
+
+PalError DepotFree(DepotHandle* handle) noexcept {
+    Logger(3, "DepotFree entry\n");
+    if (handle == nullptr) {
+        Logger(0, "DepotFree exit.  Invalid parameter\n");
+        return Ok();
+    }
+    DepotLock depot(&handle->depotLock, "DepotFree error %d releasing lock\n");
+    PalError err = depot.Acquire();
+    if (err.palError == PAL_WAIT_TIMEOUT) {
+        Logger(1, "DepotFree continue. Ignore WAIT_TIMEOUT\n");
+    } else if (err.palError != PAL_OK) {
+        Logger(0, "DepotFree exit.  Error %d(%d) obtaining lock\n", err.palError, err.nativeError);
+        return err;
+    }
+
+    PalIterator it{};
+    err = PalList1IteratorCreate(handle->entries, &it);
+    if (err.palError != PAL_OK) {
+        depot.Release();
+        Logger(0, "DepotFree exit.  Error %d creating iterator for depot entries\n", err.palError);
+        return err;
+    }
+    // The list is destroyed whole afterwards, so records are freed without
+    // being taken off it one by one.
+    PalInt32 descriptor = -1;
+    void* value = nullptr;
+    while ((err = PalList1IteratorNext(&it, &descriptor, &value)).palError == PAL_OK)
+        (void)FreeRecordLocked(handle, static_cast<DepotEntry*>(value), false);
+    PalList1IteratorEnd(&it);
+    if (err.palError != PAL_ERR_NO_MORE) {
+        depot.Release();
+        Logger(0, "DepotFree exit.  Error %d interating depot entries\n", err.palError);
+        return err;
+    }
+    PalList1Destroy(&handle->entries);
+    PalMemoryFree(handle->directory);
+    handle->directory = nullptr;
+
+    PalError post = SemPost(&handle->entryLock);
+    if (post.palError != PAL_OK) Logger(1, "DepotFree error %d releasing entry lock\n", post.palError);
+    SemClose(&handle->entryLock);
+    depot.Release();
+    SemClose(&handle->depotLock);
+    PalMemoryFree(handle);
+    Logger(3, "DepotFree exit\n");
+    return err;  // the end of the record walk: PAL_ERR_NO_MORE
+}
+
+}  // extern "C"

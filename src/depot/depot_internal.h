@@ -1,0 +1,113 @@
+// depot_internal.h - what the Depot's source files share and do not export: the
+// lock guard, the entry-file reader, the tag-content view and the record helpers.
+#ifndef FANOUT_SRC_DEPOT_DEPOT_INTERNAL_H
+#define FANOUT_SRC_DEPOT_DEPOT_INTERNAL_H
+
+#include <cstddef>
+#include <cstdint>
+
+#include "fanout/depot.h"
+
+namespace fanout {
+
+// A held-or-not view of one of the depot's semaphores. Acquire() waits;
+// Release() posts and logs `releaseFormat` (one %d: the palError) at level 1
+// when the post fails. The destructor releases a lock still held, so an early
+// return never leaves a semaphore taken. Keep() forgets the lock without
+// releasing it (the one path that deliberately keeps the entry lock).
+class DepotLock {
+  public:
+    DepotLock(PalSemHandle* sem, const char* releaseFormat) noexcept
+        : sem_(sem), releaseFormat_(releaseFormat) {}
+    DepotLock(const DepotLock&) = delete;
+    DepotLock& operator=(const DepotLock&) = delete;
+    ~DepotLock() { Release(); }
+
+    PalError Acquire() noexcept;
+    void Release() noexcept;
+    void Keep() noexcept { held_ = false; }
+    bool held() const noexcept { return held_; }
+
+  private:
+    PalSemHandle* sem_;
+    const char* releaseFormat_;
+    bool held_ = false;
+};
+
+// What went wrong while reading a whole entry file.
+enum class ReadFailure { kNone, kOpen, kSize, kAlloc, kRead };
+
+struct ReadResult {
+    ReadFailure failure = ReadFailure::kNone;
+    PalError error{0, 0, 0};
+    PalUint32 length = 0;  // bytes read (the text is zero-terminated after them)
+};
+
+// Reads the whole file at `path` into *buffer, growing it (PalMemoryRealloc)
+// to at least size + 1 bytes and recording its size in *capacity; the text is
+// terminated with a zero byte. The buffer stays owned by the caller, also on
+// failure.
+ReadResult ReadWholeFile(const PalChar* path, PalChar** buffer, PalInt32* capacity) noexcept;
+
+// The content of one element of an entry-file text.
+struct TagContent {
+    const PalChar* data = nullptr;  // null: the element is absent
+    std::size_t size = 0;
+    bool present() const noexcept { return data != nullptr; }
+    bool Equals(const PalChar* s) const noexcept;  // same length and bytes as s
+};
+
+TagContent FindTagContent(const PalChar* text, const char* tag) noexcept;
+
+// A numeric content converted as strtol(base 10) does, clamped to 32 bits.
+PalInt32 ParseTagNumber(const TagContent& content) noexcept;
+
+// Refreshes the persisted fields of `entry` from an entry-file text (missing
+// elements leave their fields unchanged).
+void ReloadEntryFromText(DepotEntry* entry, const PalChar* text) noexcept;
+
+// Reads the entry file of `entry`, compares its id and version with the
+// record's and refreshes the record from it. True when the key matched.
+bool VerifyEntry(DepotEntry* entry) noexcept;
+
+// Re-reads the counters that several registrants update (reference_count and
+// deadline) from the entry file, so that a change made by another process
+// under the entry lock is not overwritten. A missing entry file means the
+// entry was deleted meanwhile: the count restarts at 0.
+// REQUIRES: entry lock held.
+void SyncSharedCounters(DepotEntry* entry) noexcept;
+
+// Frees the record's strings, properties and the record. No lock, no list.
+void FreeRecordFields(DepotEntry* entry) noexcept;
+
+// Takes `entry` (compared by address) off the handle's list when present.
+// REQUIRES: depot lock held.
+void DetachRecord(DepotHandle* handle, DepotEntry* entry) noexcept;
+
+// Frees a record under the entry lock, traced as DepotFreeEntry_internal,
+// without touching the list. Returns the lock error (nothing freed) or PAL_OK.
+PalError FreeRecordLocked(DepotHandle* handle, DepotEntry* entry, bool detach) noexcept;
+
+// Builds "<dir>/<bucket>.<n>.<suffix>", localised; null when out of memory.
+PalChar* BuildEntryPath(const PalChar* dir, const PalChar* bucket, PalInt32 n,
+                        const char* suffix) noexcept;
+
+// Builds "<dir>/<name>", localised; null when out of memory.
+PalChar* BuildDirPath(const PalChar* dir, const PalChar* name) noexcept;
+
+// True when `name` is longer than three characters and ends in "xml".
+bool HasEntrySuffix(const PalChar* name) noexcept;
+
+// Closes a file handle's descriptor cell if one was allocated (also after a
+// failed open, whose cell holds -1) and clears it.
+void CloseQuietly(PalFileHandle* file) noexcept;
+
+// Creates the lock file `name` in the current directory when missing (a
+// semaphore key is derived from its path; its content is never used).
+PalError TouchLockFile(const PalChar* name) noexcept;
+
+inline PalError Ok() noexcept { return PalErrorCreate(PAL_OK, 0, 0); }
+
+}  // namespace fanout
+
+#endif  // FANOUT_SRC_DEPOT_DEPOT_INTERNAL_H

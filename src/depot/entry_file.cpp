@@ -1,0 +1,410 @@
+// entry_file.cpp - the Depot's entry file: building its tagged text from a record,
+// parsing a record from it, checking a cached record against its file and
+// refreshing it, and reading a whole entry file into a reusable buffer.
+//
+// The text is the template below with each element's content filled in, in tag
+// order, followed by the template's zero byte. Numbers are printed with "%d"
+// and read back with strtol rules; the properties are base64. Readers stop at
+// the first zero byte, because files are rewritten in place without
+// truncation and an older, longer text may follow it.
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "depot/depot_internal.h"
+#include "fanout/base64.h"
+#include "fanout/palfile.h"
+#include "fanout/palmemory.h"
+#include "fanout/palpath.h"
+#include "fanout/tagdoc.h"
+
+namespace fanout {
+
+namespace {
+
+constexpr char kTemplate[] =
+    "<<id></id><version></version><reference_count></reference_count><state></state>"
+    "<checksum></checksum><deadline></deadline><location></location>"
+    "<properties></properties>>";
+constexpr PalInt32 kTemplateBytes = 169;  // 168 characters and the zero byte
+static_assert(sizeof(kTemplate) == kTemplateBytes, "entry-file template changed");
+
+constexpr PalInt32 kReadOnly = 0x1;
+
+const char* OrNull(const char* s) noexcept { return s != nullptr ? s : "(null)"; }
+
+// The text being built: the buffer, the document's last position (one past
+// the zero byte, as the tag filler counts it) and the buffer's last byte.
+struct TextBuilder {
+    PalChar* buffer = nullptr;
+    PalChar* docEnd = nullptr;
+    PalChar* limit = nullptr;
+
+    // Replaces the content of `tag` with `size` bytes at `content`, growing the
+    // buffer once to exactly the size the filler asks for when it is too small.
+    PalError Put(const char* tag, const PalChar* content, std::size_t size) noexcept {
+        static PalChar empty[2] = {0, 0};
+        const PalChar* first = size != 0 ? content : empty + 1;
+        const PalChar* last = size != 0 ? content + size - 1 : empty;
+        TagRange r = addContentToTag(buffer, docEnd, nullptr, limit, tag, first, last, 1);
+        if (r.first != nullptr) {
+            docEnd = r.last;
+            return Ok();
+        }
+        if (r.last == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 2);
+        std::uintptr_t needed = reinterpret_cast<std::uintptr_t>(r.last) -
+                                reinterpret_cast<std::uintptr_t>(buffer) + 1;
+        if (needed > static_cast<std::uintptr_t>(INT32_MAX))
+            return PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 2);
+        std::ptrdiff_t endOffset = docEnd - buffer;
+        auto* grown = static_cast<PalChar*>(PalMemoryRealloc(buffer, static_cast<PalInt32>(needed)));
+        if (grown == nullptr) return PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 2);
+        buffer = grown;
+        docEnd = grown + endOffset;
+        limit = grown + needed - 1;
+        r = addContentToTag(buffer, docEnd, nullptr, limit, tag, first, last, 1);
+        if (r.first == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 1);
+        docEnd = r.last;
+        return Ok();
+    }
+
+    PalError PutNumber(const char* tag, PalInt32 value) noexcept {
+        char scratch[16];
+        int n = std::snprintf(scratch, sizeof scratch, "%d", static_cast<int>(value));
+        return Put(tag, scratch, static_cast<std::size_t>(n));
+    }
+
+    PalError PutString(const char* tag, const PalChar* s) noexcept {
+        return Put(tag, s, s != nullptr ? std::strlen(s) : 0);
+    }
+};
+
+// Replaces an owned string with a copy of `content`.
+void ReplaceString(PalChar** field, const TagContent& content) noexcept {
+    if (content.size + 1 > static_cast<std::size_t>(INT32_MAX)) return;
+    auto* grown = static_cast<PalChar*>(
+        PalMemoryRealloc(*field, static_cast<PalInt32>(content.size + 1)));
+    if (grown == nullptr) return;
+    std::memcpy(grown, content.data, content.size);
+    grown[content.size] = '\0';
+    *field = grown;
+}
+
+// A new zero-terminated copy of `content`, or null when out of memory.
+PalChar* CopyContent(const TagContent& content) noexcept {
+    if (content.size + 1 > static_cast<std::size_t>(INT32_MAX)) return nullptr;
+    auto* s = static_cast<PalChar*>(PalMemoryCalloc(1, static_cast<PalInt32>(content.size + 1)));
+    if (s != nullptr) std::memcpy(s, content.data, content.size);
+    return s;
+}
+
+// Decodes a non-empty properties content. False when nothing came out.
+bool DecodeProperties(const TagContent& content, PalUint8** out, PalUint32* outLen) noexcept {
+    *out = nullptr;
+    *outLen = 0;
+    if (content.size > UINT32_MAX) return false;
+    PalError err = Decode(content.data, static_cast<PalUint32>(content.size), out, outLen);
+    if (err.palError != PAL_OK || *out == nullptr || *outLen == 0) {
+        PalMemoryFree(*out);
+        *out = nullptr;
+        *outLen = 0;
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool TagContent::Equals(const PalChar* s) const noexcept {
+    if (data == nullptr) return false;
+    std::size_t n = s != nullptr ? std::strlen(s) : 0;
+    return n == size && (n == 0 || std::memcmp(data, s, n) == 0);
+}
+
+TagContent FindTagContent(const PalChar* text, const char* tag) noexcept {
+    TagContent content;
+    TagRange r = getTagScope(tag, text, nullptr, 0);
+    if (r.first == nullptr || r.last == nullptr || r.last + 1 < r.first) return content;
+    content.data = r.first;
+    content.size = static_cast<std::size_t>(r.last + 1 - r.first);
+    return content;
+}
+
+PalInt32 ParseTagNumber(const TagContent& content) noexcept {
+    // Longer contents than any 32-bit number are cut to the scratch text.
+    char scratch[32] = {};
+    std::size_t n = content.size < sizeof scratch - 1 ? content.size : sizeof scratch - 1;
+    if (content.data != nullptr) std::memcpy(scratch, content.data, n);
+    long value = std::strtol(scratch, nullptr, 10);
+    // Saturate as a 32-bit strtol does, so that files read the same everywhere.
+    if (value > INT32_MAX) return INT32_MAX;
+    if (value < INT32_MIN) return INT32_MIN;
+    return static_cast<PalInt32>(value);
+}
+
+ReadResult ReadWholeFile(const PalChar* path, PalChar** buffer, PalInt32* capacity) noexcept {
+    ReadResult result;
+    PalFileHandle file{};
+    result.error = PalFileOpen(&file, path, kReadOnly);
+    if (result.error.palError != PAL_OK) {
+        CloseQuietly(&file);
+        result.failure = ReadFailure::kOpen;
+        return result;
+    }
+    PalInt64 size = 0;
+    result.error = PalFileGetSize(file, &size);
+    if (result.error.palError != PAL_OK) {
+        CloseQuietly(&file);
+        result.failure = ReadFailure::kSize;
+        return result;
+    }
+    if (size < 0 || size >= INT32_MAX - 1) {
+        CloseQuietly(&file);
+        result.failure = ReadFailure::kAlloc;
+        return result;
+    }
+    auto need = static_cast<PalInt32>(size + 1);
+    if (*buffer == nullptr || *capacity < need) {
+        auto* grown = static_cast<PalChar*>(PalMemoryRealloc(*buffer, need));
+        if (grown == nullptr) {
+            CloseQuietly(&file);
+            result.failure = ReadFailure::kAlloc;
+            return result;
+        }
+        *buffer = grown;
+        *capacity = need;
+    }
+    auto total = static_cast<PalUint32>(0);
+    auto wanted = static_cast<PalUint32>(size);
+    while (total < wanted) {
+        PalUint32 count = 0;
+        result.error = PalFileRead(file, *buffer + total, wanted - total, &count);
+        if (result.error.palError != PAL_OK) {
+            CloseQuietly(&file);
+            result.failure = ReadFailure::kRead;
+            return result;
+        }
+        if (count == 0) break;  // the file shrank meanwhile
+        total += count;
+    }
+    (*buffer)[total] = '\0';
+    CloseQuietly(&file);
+    result.error = Ok();
+    result.length = total;
+    return result;
+}
+
+void ReloadEntryFromText(DepotEntry* entry, const PalChar* text) noexcept {
+    Logger(3, "DepotEntryReloadFromToc_internal entry\n");
+    TagContent c = FindTagContent(text, "id");
+    if (c.present()) ReplaceString(&entry->id, c);
+    if ((c = FindTagContent(text, "version")).present()) ReplaceString(&entry->version, c);
+    if ((c = FindTagContent(text, "location")).present()) ReplaceString(&entry->location, c);
+    if ((c = FindTagContent(text, "reference_count")).present())
+        entry->referenceCount = ParseTagNumber(c);
+    if ((c = FindTagContent(text, "state")).present()) entry->state = ParseTagNumber(c);
+    if ((c = FindTagContent(text, "checksum")).present()) entry->checksum = ParseTagNumber(c);
+    if ((c = FindTagContent(text, "deadline")).present()) entry->deadline = ParseTagNumber(c);
+    if ((c = FindTagContent(text, "properties")).present()) {
+        if (c.size == 0) {
+            PalMemoryFree(entry->properties);
+            entry->properties = nullptr;
+            entry->propertiesLength = 0;
+        } else {
+            PalUint8* decoded = nullptr;
+            PalUint32 decodedLength = 0;
+            if (DecodeProperties(c, &decoded, &decodedLength)) {
+                PalMemoryFree(entry->properties);
+                entry->properties = decoded;
+                entry->propertiesLength = decodedLength;
+            }
+        }
+    }
+    Logger(3, "DepotEntryReloadFromToc_internal exit\n");
+}
+
+bool VerifyEntry(DepotEntry* entry) noexcept {
+    Logger(3, "DepotVerifyEntry_internal entry\n");
+    PalChar* text = nullptr;
+    PalInt32 capacity = 0;
+    ReadResult r = ReadWholeFile(entry->entryFilePath, &text, &capacity);
+    const char* path = OrNull(entry->entryFilePath);
+    switch (r.failure) {
+        case ReadFailure::kNone:
+            break;
+        case ReadFailure::kOpen:
+            Logger(1, "DepotVerifyEntry_internal error %d opening file %s\n", r.error.palError, path);
+            break;
+        case ReadFailure::kSize:
+            Logger(1, "DepotVerifyEntry_internal error %d retrieving size of file %s\n",
+                   r.error.palError, path);
+            break;
+        case ReadFailure::kAlloc:
+            Logger(1, "DepotVerifyEntry_internal error allocating memory buffer for file read\n");
+            break;
+        case ReadFailure::kRead:
+            Logger(1, "DepotVerifyEntry_internal error %d reading file %s\n", r.error.palError, path);
+            break;
+    }
+    if (r.failure != ReadFailure::kNone) {
+        PalMemoryFree(text);
+        return false;
+    }
+    bool match = FindTagContent(text, "id").Equals(entry->id) &&
+                 FindTagContent(text, "version").Equals(entry->version);
+    ReloadEntryFromText(entry, text);
+    PalMemoryFree(text);
+    Logger(3, "DepotVerifyEntry_internal exit\n");
+    return match;
+}
+
+void SyncSharedCounters(DepotEntry* entry) noexcept {
+    PalChar* text = nullptr;
+    PalInt32 capacity = 0;
+    ReadResult r = ReadWholeFile(entry->entryFilePath, &text, &capacity);
+    if (r.failure == ReadFailure::kOpen && r.error.nativeError == ENOENT) {
+        entry->referenceCount = 0;  // deleted meanwhile: whatever it held is gone
+    } else if (r.failure == ReadFailure::kNone &&
+               FindTagContent(text, "id").Equals(entry->id) &&
+               FindTagContent(text, "version").Equals(entry->version)) {
+        TagContent c = FindTagContent(text, "reference_count");
+        if (c.present()) entry->referenceCount = ParseTagNumber(c);
+        if ((c = FindTagContent(text, "deadline")).present()) entry->deadline = ParseTagNumber(c);
+    }
+    PalMemoryFree(text);
+}
+
+void FreeRecordFields(DepotEntry* entry) noexcept {
+    if (entry == nullptr) return;
+    PalMemoryFree(entry->id);
+    PalMemoryFree(entry->version);
+    PalMemoryFree(entry->entryFilePath);
+    PalMemoryFree(entry->location);
+    PalMemoryFree(entry->properties);
+    PalMemoryFree(entry);
+}
+
+PalChar* BuildEntryPath(const PalChar* dir, const PalChar* bucket, PalInt32 n,
+                        const char* suffix) noexcept {
+    std::size_t size = std::strlen(OrNull(dir)) + std::strlen(OrNull(bucket)) +
+                       std::strlen(suffix) + 16;
+    if (size > static_cast<std::size_t>(INT32_MAX)) return nullptr;
+    auto* path = static_cast<PalChar*>(PalMemoryMalloc(static_cast<PalInt32>(size)));
+    if (path == nullptr) return nullptr;
+    std::snprintf(path, size, "%s/%s.%d.%s", OrNull(dir), OrNull(bucket), static_cast<int>(n),
+                  suffix);
+    (void)PalPathLocalize(path);  // a foreign path stays as it is and fails when opened
+    return path;
+}
+
+PalChar* BuildDirPath(const PalChar* dir, const PalChar* name) noexcept {
+    std::size_t size = std::strlen(OrNull(dir)) + std::strlen(OrNull(name)) + 2;
+    if (size > static_cast<std::size_t>(INT32_MAX)) return nullptr;
+    auto* path = static_cast<PalChar*>(PalMemoryMalloc(static_cast<PalInt32>(size)));
+    if (path == nullptr) return nullptr;
+    std::snprintf(path, size, "%s/%s", OrNull(dir), OrNull(name));
+    (void)PalPathLocalize(path);
+    return path;
+}
+
+bool HasEntrySuffix(const PalChar* name) noexcept {
+    std::size_t n = std::strlen(name);
+    return n > 3 && std::memcmp(name + n - 3, "xml", 3) == 0;
+}
+
+void CloseQuietly(PalFileHandle* file) noexcept {
+    if (file->handle != nullptr) (void)PalFileClose(*file);
+    file->handle = nullptr;
+}
+
+}  // namespace fanout
+
+using namespace fanout;
+
+extern "C" {
+
+DepotEntry* DepotEntryNew(void) noexcept {
+    Logger(3, "DepotEntryNew entry\n");
+    auto* entry = static_cast<DepotEntry*>(PalMemoryCalloc(1, sizeof(DepotEntry)));
+    Logger(3, "DepotEntryNew exit\n");
+    return entry;
+}
+
+PalError DepotEntrySetProperties(DepotHandle* /*handle*/, DepotEntry* entry, PalChar** text,
+                                 PalUint32* length) noexcept {
+    Logger(3, "DepotEntrySetProperties entry\n");
+    if (entry == nullptr || text == nullptr || length == nullptr)
+        return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
+    std::uint64_t size = std::uint64_t{PalStringLen(entry->id)} + PalStringLen(entry->version) +
+                         PalStringLen(entry->location) + entry->propertiesLength + 200;
+    TextBuilder b;
+    if (size <= static_cast<std::uint64_t>(INT32_MAX))
+        b.buffer = static_cast<PalChar*>(PalMemoryCalloc(1, static_cast<PalInt32>(size)));
+    if (b.buffer == nullptr) return PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 1);
+    std::memcpy(b.buffer, kTemplate, kTemplateBytes);
+    b.docEnd = b.buffer + kTemplateBytes;
+    b.limit = b.buffer + size - 1;
+
+    PalChar* encoded = nullptr;
+    PalUint32 encodedLength = 0;
+    Encode(entry->properties, entry->properties != nullptr ? entry->propertiesLength : 0, &encoded,
+           &encodedLength);
+    if (encoded == nullptr) {
+        PalMemoryFree(b.buffer);
+        return PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 1);
+    }
+    PalError err = b.PutString("id", entry->id);
+    if (err.palError == PAL_OK) err = b.PutString("version", entry->version);
+    if (err.palError == PAL_OK) err = b.PutNumber("reference_count", entry->referenceCount);
+    if (err.palError == PAL_OK) err = b.PutNumber("state", entry->state);
+    if (err.palError == PAL_OK) err = b.PutNumber("checksum", entry->checksum);
+    if (err.palError == PAL_OK) err = b.PutNumber("deadline", entry->deadline);
+    if (err.palError == PAL_OK) err = b.PutString("location", entry->location);
+    if (err.palError == PAL_OK) err = b.Put("properties", encoded, encodedLength);
+    PalMemoryFree(encoded);
+    if (err.palError != PAL_OK) {
+        PalMemoryFree(b.buffer);
+        return err;
+    }
+    *text = b.buffer;
+    *length = static_cast<PalUint32>(b.docEnd - b.buffer);
+    Logger(3, "DepotEntrySetProperties exit\n");
+    return Ok();
+}
+
+DepotEntry* DepotEntryNewFromToc(DepotHandle* handle, const PalChar* text) noexcept {
+    Logger(3, "DepotEntryNewFromToc entry\n");
+    if (handle == nullptr || text == nullptr) return nullptr;
+    DepotEntry* entry = DepotEntryNew();
+    if (entry == nullptr) return nullptr;
+
+    static constexpr const char* kTags[] = {"id",       "version",  "location",  "reference_count",
+                                            "state",    "checksum", "deadline", "properties"};
+    TagContent c[8];
+    bool ok = true;
+    for (int i = 0; i < 8 && ok; ++i) ok = (c[i] = FindTagContent(text, kTags[i])).present();
+    if (ok) ok = (entry->id = CopyContent(c[0])) != nullptr;
+    if (ok) ok = (entry->version = CopyContent(c[1])) != nullptr;
+    if (ok) ok = (entry->location = CopyContent(c[2])) != nullptr;
+    if (ok) {
+        entry->referenceCount = ParseTagNumber(c[3]);
+        entry->state = ParseTagNumber(c[4]);
+        entry->checksum = ParseTagNumber(c[5]);
+        entry->deadline = ParseTagNumber(c[6]);
+        if (c[7].size != 0) ok = DecodeProperties(c[7], &entry->properties, &entry->propertiesLength);
+    }
+    if (ok) ok = PalList1Add(handle->entries, entry) >= 0;
+    if (!ok) {
+        // Not in any list yet, so nobody else can reach it: when the entry lock
+        // cannot be had it is freed without it rather than leaked.
+        if (FreeRecordLocked(handle, entry, false).palError != PAL_OK) FreeRecordFields(entry);
+        return nullptr;
+    }
+    Logger(3, "DepotEntryNewFromToc exit\n");
+    return entry;
+}
+
+}  // extern "C"

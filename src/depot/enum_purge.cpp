@@ -1,0 +1,228 @@
+// enum_purge.cpp - walking every entry file of a Depot, and the two purges built
+// on the walk: removing every entry (DepotPurge) and removing the complete
+// entries whose deadline has passed (DepotPurgeExpiredEntries).
+//
+// An entry file that cannot be read ends a walk early; that is how the store
+// has always behaved, and callers take the early end as the end.
+
+#include <ctime>
+
+#include "depot/depot_internal.h"
+#include "fanout/palfile.h"
+#include "fanout/palmemory.h"
+
+using namespace fanout;
+
+namespace {
+
+void LogWalkFailure(const ReadResult& r, const PalChar* path) noexcept {
+    switch (r.failure) {
+        case ReadFailure::kOpen:
+            Logger(1, "DepotEntryEnumNextElement error %d opening file %s\n", r.error.palError,
+                   path);
+            break;
+        case ReadFailure::kSize:
+            Logger(1, "DepotEntryEnumNextElement error %d obtaining size of file %s\n",
+                   r.error.palError, path);
+            break;
+        case ReadFailure::kAlloc:
+            Logger(1, "DepotEntryEnumNextElement error allocating memory to read file %s\n", path);
+            break;
+        case ReadFailure::kRead:
+            Logger(1, "DepotEntryEnumNextElement error %d reading file %s\n", r.error.palError,
+                   path);
+            break;
+        case ReadFailure::kNone:
+            break;
+    }
+}
+
+// True when a complete entry's deadline lies before now (unsigned seconds).
+bool IsExpired(const DepotEntry* entry, PalUint32 now) noexcept {
+    return entry->state == DEPOT_STATE_COMPLETE && static_cast<PalUint32>(entry->deadline) < now;
+}
+
+}  // namespace
+
+extern "C" {
+
+PalError DepotEnumNew(DepotHandle* handle, DepotEnum** enumerator) noexcept {
+    Logger(3, "DepotEnumNew entry\n");
+    if (handle == nullptr || enumerator == nullptr)
+        return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
+    *enumerator = nullptr;
+    auto* walk = static_cast<DepotEnum*>(PalMemoryCalloc(1, sizeof(DepotEnum)));
+    if (walk == nullptr) return PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 3);
+    PalError err = TouchLockFile("enum.lk");
+    if (err.palError != PAL_OK) {
+        PalMemoryFree(walk);
+        Logger(0, "DepotEnumNew exit.  Error %d creating semaphore path\n", err.palError);
+        return err;
+    }
+    err = PalInitSem(&walk->lock, "enum.lk");
+    if (err.palError != PAL_OK) {
+        Logger(0, "DepotEnumNew error %d creating lock\n", err.palError);
+        PalMemoryFree(walk);
+        return err;
+    }
+    err = PalDirOpen(&walk->dir, handle->directory);
+    if (err.palError != PAL_OK) {
+        (void)PalDirClose(walk->dir);
+        (void)PalCloseSem(&walk->lock);
+        PalMemoryFree(walk);
+        return err;
+    }
+    walk->depot = handle;
+    *enumerator = walk;
+    // Like DepotNew: a release without a take, raising the count by one for
+    // the life of the process.
+    err = PalPostSem(&walk->lock);
+    if (err.palError != PAL_OK) Logger(1, "DepotEnumNew error %d releasing enum lock\n", err.palError);
+    Logger(3, "DepotEnumNew exit\n");
+    return Ok();
+}
+
+DepotEntry* DepotEntryEnumNextElement(DepotEnum* enumerator) noexcept {
+    Logger(3, "DepotEntryEnumNextElement entry\n");
+    if (enumerator == nullptr || enumerator->depot == nullptr) return nullptr;
+    DepotHandle* handle = enumerator->depot;
+    DepotLock lock(&enumerator->lock, "DepotEntryEnumNextElement error %d releasing lock\n");
+    PalError err = lock.Acquire();
+    if (err.palError != PAL_OK) {
+        Logger(0, "DepotEntryEnumNextElement exit.  Error %d(%d) obtaining lock\n", err.palError,
+               err.nativeError);
+        return nullptr;
+    }
+    PalChar name[PAL_PATH_MAX + 1];
+    PalChar* buffer = nullptr;
+    PalInt32 capacity = 0;
+    DepotEntry* found = nullptr;
+    while (found == nullptr && PalDirReadDirectory(name, enumerator->dir).palError == PAL_OK) {
+        name[PAL_PATH_MAX] = '\0';
+        if (!HasEntrySuffix(name)) continue;
+        PalChar* path = BuildDirPath(handle->directory, name);
+        if (path == nullptr) {
+            Logger(1, "DepotEntryEnumNextElement error allocating memory to read file %s\n", name);
+            break;
+        }
+        ReadResult r = ReadWholeFile(path, &buffer, &capacity);
+        if (r.failure != ReadFailure::kNone) {
+            LogWalkFailure(r, path);
+            PalMemoryFree(path);
+            break;
+        }
+        found = DepotEntryNewFromToc(handle, buffer);
+        if (found == nullptr) {
+            Logger(1, "DepotEntryEnumNextElement null returned by DepotEntryNewFromToc\n");
+            PalMemoryFree(path);
+            continue;
+        }
+        found->entryFilePath = path;  // handed over: there is no copy that can fail
+    }
+    PalMemoryFree(buffer);
+    lock.Release();
+    Logger(3, "DepotEntryEnumNextElement exit\n");
+    return found;
+}
+
+PalError DepotEntryEnumDelete(DepotEnum* enumerator) noexcept {
+    Logger(3, "DepotEntryEnumDelete entry\n");
+    if (enumerator == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
+    DepotLock lock(&enumerator->lock, "DepotEntryEnumDelete error %d releasing lock\n");
+    PalError err = lock.Acquire();
+    if (err.palError != PAL_OK) {
+        Logger(0, "DepotEntryEnumDelete exit.  Error %d(%d) obtaining lock\n", err.palError,
+               err.nativeError);
+        return err;
+    }
+    err = PalDirClose(enumerator->dir);
+    if (err.palError != PAL_OK)
+        Logger(1, "DepotEntryEnumDelete error %d closing directory handle\n", err.palError);
+    lock.Release();
+    err = PalCloseSem(&enumerator->lock);
+    if (err.palError != PAL_OK) Logger(1, "DepotEntryEnumDelete error %d freeing lock\n", err.palError);
+    PalMemoryFree(enumerator);
+    Logger(3, "DepotEntryEnumDelete exit\n");
+    return Ok();
+}
+
+PalError DepotPurge(DepotHandle* handle, PalBool force) noexcept {
+    Logger(3, "DepotPurge entry\n");
+    if (handle == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
+    DepotLock depot(&handle->depotLock, "DepotPurge error %d releasing lock\n");
+    PalError err = depot.Acquire();
+    if (err.palError != PAL_OK) {
+        Logger(0, "DepotPurge exit.  Error %d(%d) obtaining lock\n", err.palError, err.nativeError);
+        return err;
+    }
+    DepotEnum* walk = nullptr;
+    err = DepotEnumNew(handle, &walk);
+    if (err.palError != PAL_OK) {
+        depot.Release();
+        Logger(0, "DepotPurge exit.  Error %d creating enumerator\n", err.palError);
+        return err;
+    }
+    PalError result = Ok();
+    while (DepotEntry* entry = DepotEntryEnumNextElement(walk)) {
+        // Without force only unreferenced entries lose their files; every
+        // record is freed either way.
+        result = DepotRemoveEntry_internal(handle, entry, force);
+        if (result.palError != PAL_OK)
+            Logger(1, "DepotPurge error %d removing depot entry\n", result.palError);
+    }
+    (void)DepotEntryEnumDelete(walk);
+    depot.Release();
+    Logger(3, "DepotPurge exit\n");
+    return result;
+}
+
+PalError DepotPurgeExpiredEntries(DepotHandle* handle) noexcept {
+    Logger(3, "DepotPurgeExpiredEntries entry\n");
+    if (handle == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
+    DepotLock depot(&handle->depotLock, "DepotPurgeExpiredEntris error %d releasing lock\n");
+    PalError err = depot.Acquire();
+    if (err.palError == PAL_WAIT_TIMEOUT) {
+        Logger(1, "DepotPurgeExpiredEntries entry continue. Ignore WAIT_TIMEOUT\n");
+    } else if (err.palError != PAL_OK) {
+        Logger(0, "DepotPurgeExpiredEntries exit.  Error %d(%d) obtaining lock\n", err.palError,
+               err.nativeError);
+        return err;
+    }
+    DepotEnum* walk = nullptr;
+    err = DepotEnumNew(handle, &walk);
+    if (err.palError != PAL_OK) {
+        depot.Release();
+        Logger(0, "DepotPurgeExpiredEntries exit.  Error %d creating enumerator\n", err.palError);
+        return err;
+    }
+    PalError result = Ok();
+    while (DepotEntry* entry = DepotEntryEnumNextElement(walk)) {
+        bool expired = false;
+        {
+            DepotLock lock(&handle->entryLock,
+                           "DepotPurgeExpiredEntries error %d releasing lock\n");
+            if (lock.Acquire().palError != PAL_OK) {
+                // Reports the purge's status so far, not the lock's.
+                Logger(1, "DepotPurgeExpiredEntries error %d(%d) obtaining lock\n",
+                       result.palError, result.nativeError);
+                continue;
+            }
+            expired = IsExpired(entry, static_cast<PalUint32>(std::time(nullptr)));
+        }
+        if (expired) {
+            // Forced: a passed deadline outweighs any references.
+            result = DepotRemoveEntry_internal(handle, entry, PAL_TRUE);
+            if (result.palError != PAL_OK)
+                Logger(1, "DepotPurgeExpiredEntries error %d removing depot entry\n",
+                       result.palError);
+        } else {
+            (void)FreeRecordLocked(handle, entry, true);
+        }
+    }
+    (void)DepotEntryEnumDelete(walk);
+    depot.Release();
+    Logger(3, "DepotPurgeExpiredEntries exit\n");
+    return result;
+}
+
+}  // extern "C"

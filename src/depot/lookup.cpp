@@ -1,0 +1,244 @@
+// lookup.cpp - finding a Depot entry by its key (id, version): the bucket hash,
+// bucket names, the search of the handle's cached records, and the scan of one
+// bucket's entry files on disk.
+//
+// The hash deliberately looks at only the first (L + 1) / 2 characters of the
+// joined key: it decides where existing entry files lie and must never change.
+
+#include <climits>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "depot/depot_internal.h"
+#include "fanout/palfile.h"
+#include "fanout/palmemory.h"
+
+extern "C" {
+
+PalUint32 TableSize = 256;
+PalUint32 NearestPrime = 0;
+const PalUint32 PowerOf2Primes[16] = {2,    3,    7,    13,   31,    61,    127,   251,
+                                      509,  1021, 2039, 4093, 8191, 16381, 32749, 65521};
+
+}  // extern "C"
+
+namespace fanout {
+namespace {
+
+constexpr PalUint32 kNotFound = 0xFFFFFFFFu;
+
+// The modulus is chosen again whenever the table size was lowered below it.
+// Written without a lock: every thread computes the same value.
+void ChooseModulus() noexcept {
+    if (NearestPrime != 0 && NearestPrime <= TableSize) return;
+    for (int i = 15; i >= 1; --i) {
+        if (PowerOf2Primes[i] < TableSize) {
+            NearestPrime = PowerOf2Primes[i];
+            return;
+        }
+    }
+}
+
+// Logs why an entry file of the bucket could not be read; the scan then ends.
+void LogScanFailure(const ReadResult& r, const PalChar* path) noexcept {
+    switch (r.failure) {
+        case ReadFailure::kOpen:
+            Logger(1, "DepotGetEntry_internal error %d opening file %s\n", r.error.palError, path);
+            break;
+        case ReadFailure::kSize:
+            Logger(1, "DepotGetEntry_internal error %d retrieving size of file %s\n",
+                   r.error.palError, path);
+            break;
+        case ReadFailure::kAlloc:
+            Logger(1, "DepotGetEntry_internal error allocating memory buffer for file read\n");
+            break;
+        case ReadFailure::kRead:
+            Logger(1, "DepotGetEntry_internal error %d reading file %s\n", r.error.palError, path);
+            break;
+        case ReadFailure::kNone:
+            break;
+    }
+}
+
+// The sequence number written after "<bucket>." in an entry file's name.
+PalInt32 SequenceOf(const PalChar* name) noexcept {
+    long n = std::strtol(name + 9, nullptr, 10);
+    if (n > INT32_MAX) return INT32_MAX;
+    if (n < INT32_MIN) return INT32_MIN;
+    return static_cast<PalInt32>(n);
+}
+
+// Reads the bucket's entry files in directory order until one holds the key.
+// An entry file that cannot be read ends the scan with no result.
+DepotEntry* ScanBucket(DepotHandle* handle, const PalChar* bucket, const PalChar* id,
+                       const PalChar* version, PalList1* sequences) noexcept {
+    PalDirHandle dir{};
+    if (PalDirOpen(&dir, handle->directory).palError != PAL_OK) {
+        (void)PalDirClose(dir);
+        return nullptr;
+    }
+    PalChar name[PAL_PATH_MAX + 1];
+    PalChar* buffer = nullptr;  // reused for every file of the scan
+    PalInt32 capacity = 0;
+    DepotEntry* found = nullptr;
+    while (PalDirReadDirectory(name, dir).palError == PAL_OK) {
+        name[PAL_PATH_MAX] = '\0';
+        if (std::strncmp(name, bucket, 8) != 0 || !HasEntrySuffix(name)) continue;
+        if (sequences != nullptr)
+            (void)PalList1Add(sequences, reinterpret_cast<void*>(std::intptr_t{SequenceOf(name)}));
+        PalChar* path = BuildDirPath(handle->directory, name);
+        if (path == nullptr) {
+            Logger(1, "DepotGetEntry_internal error allocating memory buffer for file read\n");
+            break;
+        }
+        ReadResult r = ReadWholeFile(path, &buffer, &capacity);
+        if (r.failure != ReadFailure::kNone) {
+            LogScanFailure(r, path);
+            PalMemoryFree(path);
+            break;
+        }
+        if (FindTagContent(buffer, "id").Equals(id) &&
+            FindTagContent(buffer, "version").Equals(version)) {
+            found = DepotEntryNewFromToc(handle, buffer);
+            if (found == nullptr) {
+                Logger(1, "DepotGetEntry_internal call to DepotEntryNewFromToc returned null\n");
+                PalMemoryFree(path);
+            } else {
+                found->entryFilePath = path;
+            }
+            break;
+        }
+        PalMemoryFree(path);
+    }
+    PalMemoryFree(buffer);
+    PalError err = PalDirClose(dir);
+    if (err.palError != PAL_OK)
+        Logger(1, "DepotGetEntry_internal error %d closing directory handle\n", err.palError);
+    return found;
+}
+
+}  // namespace
+}  // namespace fanout
+
+using namespace fanout;
+
+extern "C" {
+
+PalError DepotHashFunction(const PalChar* text, PalUint32* bucket) noexcept {
+    Logger(3, "DepotHashFunction entry\n");
+    ChooseModulus();
+    PalUint32 h = 0;
+    if (text != nullptr) {
+        // Only the first half of the characters, rounded up, take part.
+        std::size_t count = (std::strlen(text) + 1) / 2;
+        for (std::size_t i = 0; i < count; ++i) {
+            auto c = static_cast<PalUint32>(static_cast<PalInt32>(static_cast<signed char>(text[i])));
+            h ^= c;
+            h = (h << 5) | (h >> 27);
+        }
+    }
+    // A table size that leaves no modulus puts everything in bucket 0.
+    PalUint32 modulus = NearestPrime != 0 ? NearestPrime : 1;
+    if (bucket != nullptr) *bucket = h % modulus;
+    Logger(3, "DepotHashFunction exit\n");
+    return Ok();
+}
+
+PalChar* DepotFindBucket(const PalChar* id, const PalChar* version) noexcept {
+    Logger(3, "DepotFindBucket entry\n");
+    std::size_t size = PalStringLen(id) + std::size_t{PalStringLen(version)} + 1;
+    if (size > static_cast<std::size_t>(INT32_MAX)) return nullptr;
+    auto* joined = static_cast<PalChar*>(PalMemoryMalloc(static_cast<PalInt32>(size)));
+    if (joined == nullptr) return nullptr;
+    std::snprintf(joined, size, "%s%s", id != nullptr ? id : "", version != nullptr ? version : "");
+    PalUint32 number = 0;
+    PalError err = DepotHashFunction(joined, &number);
+    PalMemoryFree(joined);
+    if (err.palError != PAL_OK) return nullptr;
+    auto* name = static_cast<PalChar*>(PalMemoryMalloc(9));
+    if (name == nullptr) return nullptr;
+    std::snprintf(name, 9, "%08u", static_cast<unsigned>(number));
+    Logger(3, "DepotFindBucket exit\n");
+    return name;
+}
+
+PalUint32 DepotFindEntryIndex(DepotHandle* handle, const PalChar* id,
+                              const PalChar* version) noexcept {
+    Logger(3, "DepotFindEntryIndex entry\n");
+    if (handle == nullptr) return kNotFound;
+    PalIterator it{};
+    PalError err = PalList1IteratorCreate(handle->entries, &it);
+    if (err.palError != PAL_OK) {
+        Logger(0, "DepotFindEntryIndex exit.  Error %d(%d) obtaining lock\n", err.palError,
+               err.nativeError);
+        return kNotFound;
+    }
+    PalUint32 result = kNotFound;
+    PalInt32 descriptor = -1;
+    void* value = nullptr;
+    while ((err = PalList1IteratorNext(&it, &descriptor, &value)).palError == PAL_OK) {
+        auto* entry = static_cast<DepotEntry*>(value);
+        if (entry != nullptr && PalStringCmp(entry->id, id) == 0 &&
+            PalStringCmp(entry->version, version) == 0) {
+            result = static_cast<PalUint32>(descriptor);
+            break;
+        }
+    }
+    PalList1IteratorEnd(&it);
+    if (err.palError != PAL_OK && err.palError != PAL_ERR_NO_MORE) return kNotFound;
+    Logger(3, "DepotFindEntryIndex exit\n");
+    return result;
+}
+
+DepotEntry* DepotGetEntry_internal(DepotHandle* handle, const PalChar* id, const PalChar* version,
+                                   PalList1** sequences) noexcept {
+    Logger(3, "DepotGetEntry_internal entry\n");
+    if (sequences != nullptr) *sequences = nullptr;
+    if (handle == nullptr || id == nullptr || version == nullptr) return nullptr;
+
+    PalUint32 index = DepotFindEntryIndex(handle, id, version);
+    if (index != kNotFound) {
+        auto* cached = static_cast<DepotEntry*>(
+            PalList1Access(handle->entries, static_cast<PalInt32>(index)));
+        if (cached != nullptr) {
+            if (VerifyEntry(cached)) {
+                Logger(3, "DepotGetEntry_internal exit\n");
+                return cached;
+            }
+            // Stale: its file is gone or now holds another key.
+            (void)FreeRecordLocked(handle, cached, true);
+        }
+    }
+
+    PalChar* bucket = DepotFindBucket(id, version);
+    if (bucket == nullptr) return nullptr;
+    if (sequences != nullptr && PalList1Create(sequences, 64, 64) != 0) {
+        PalMemoryFree(bucket);
+        return nullptr;
+    }
+    DepotEntry* found =
+        ScanBucket(handle, bucket, id, version, sequences != nullptr ? *sequences : nullptr);
+    PalMemoryFree(bucket);
+    Logger(3, "DepotGetEntry_internal exit\n");
+    return found;
+}
+
+DepotEntry* DepotGetEntry(DepotHandle* handle, const PalChar* id, const PalChar* version) noexcept {
+    Logger(3, "DepotGetEntry entry\n");
+    if (handle == nullptr) return nullptr;
+    DepotLock lock(&handle->depotLock, "DepotGetEntry error %d releasing lock\n");
+    PalError err = lock.Acquire();
+    if (err.palError != PAL_OK) {
+        Logger(0, "DepotGetEntry exit.  Error %d(%d) obtaining lock\n", err.palError,
+               err.nativeError);
+        return nullptr;
+    }
+    DepotEntry* entry = DepotGetEntry_internal(handle, id, version, nullptr);
+    lock.Release();
+    Logger(3, "DepotGetEntry exit\n");
+    return entry;
+}
+
+}  // extern "C"

@@ -1,0 +1,270 @@
+// support.cpp - what every fanout-depot command needs: catalogue texts,
+// segment names and sources, the configured depot, and the open session.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "fanout/catalog.h"
+#include "fanout/exception.h"
+#include "fanout/keys.h"
+#include "fanout/log.h"
+#include "fanout/pallock.h"
+#include "fanout/properties.h"
+#include "fanout/runtime.h"
+#include "fanout/types.h"
+#include "tool.h"
+
+namespace fanout::tool {
+
+namespace {
+
+struct MgFree {
+    void operator()(void* p) const { mg_free(p); }
+};
+using MgString = std::unique_ptr<char, MgFree>;
+
+// A property list on the stack whose contents are freed on the way out.
+struct PropertiesGuard {
+    Properties list{};
+    ~PropertiesGuard() { kel_free_generic(&list, TC_Kel_Fanout2_Properties); }
+};
+
+std::string ConfigValue(const char* key) {
+    MgString file(mrt_get_config_filespec());
+    if (!file) return {};
+    char* value = nullptr;
+    if (mrt_get_config_from_file(file.get(), key, &value) != 0) return {};
+    MgString owned(value);
+    return owned ? std::string(owned.get()) : std::string();
+}
+
+bool IsDirectory(const std::string& path) {
+    struct stat st {};
+    return ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+// mkdir -p with mode 0700 for every directory it has to make.
+bool MakeDirectories(const std::string& path) {
+    if (IsDirectory(path)) return true;
+    const auto slash = path.rfind('/');
+    if (slash != std::string::npos && slash > 0 && !MakeDirectories(path.substr(0, slash))) {
+        return false;
+    }
+    return ::mkdir(path.c_str(), 0700) == 0 || (errno == EEXIST && IsDirectory(path));
+}
+
+std::string Absolute(const std::string& path) {
+    std::filesystem::path p = std::filesystem::absolute(path).lexically_normal();
+    std::string text = p.string();
+    while (text.size() > 1 && text.back() == '/') text.pop_back();
+    return text;
+}
+
+int64_t Seconds(const struct timespec& t) { return static_cast<int64_t>(t.tv_sec); }
+
+}  // namespace
+
+std::string Message(int number, const std::vector<std::string>& args) {
+    std::vector<const char*> argv;
+    for (const auto& a : args) argv.push_back(a.c_str());
+    MgString text(ex_render_text(Fanout2Catalog[number], argv.data(),
+                                 static_cast<uint32_t>(argv.size())));
+    return text ? std::string(text.get()) : std::string();
+}
+
+std::string TimeText(int64_t seconds) { return Message(141, {std::to_string(seconds)}); }
+
+SegmentName ParseSegmentName(const std::string& text) {
+    const auto caret = text.find('^');
+    if (caret == std::string::npos || caret == 0 || caret + 1 == text.size() ||
+        text.find('^', caret + 1) != std::string::npos) {
+        throw Failure(Message(166));
+    }
+    return {text.substr(0, caret), text.substr(caret + 1)};
+}
+
+std::string LocalSourcePath(const std::string& text) {
+    std::string path = text;
+    const auto colon = text.find(':');
+    // "host:file" when what comes before the first colon could be a host
+    // name; a path with a directory before the colon is a plain path.
+    if (colon != std::string::npos && colon > 0 && text.find('/') > colon) {
+        const std::string host = text.substr(0, colon);
+        char name[HOST_NAME_MAX + 1] = {};
+        ::gethostname(name, sizeof name - 1);
+        const std::string self = name;
+        const std::string shortSelf = self.substr(0, self.find('.'));
+        if (host != self && host != shortSelf && host != "localhost") {
+            throw Failure("cannot take " + text + ": the file is on host " + host +
+                          "; only files of this host can be stored (copy it here first)");
+        }
+        path = text.substr(colon + 1);
+    }
+    if (path.empty()) throw Failure("no file named in " + text);
+    struct stat st {};
+    if (::stat(path.c_str(), &st) != 0) {
+        throw Failure("cannot read " + path + ": " + std::strerror(errno));
+    }
+    if (!S_ISREG(st.st_mode)) throw Failure("cannot read " + path + ": not a regular file");
+    if (::access(path.c_str(), R_OK) != 0) {
+        throw Failure("cannot read " + path + ": " + std::strerror(errno));
+    }
+    return Absolute(path);
+}
+
+std::string ResolveDepotDir(const std::string& depot) {
+    if (depot != ".") return Absolute(depot);
+    // This host's depot: the configured "depot_dir", else "depot" under
+    // ZEL_DATDIR, as the endpoint's search finds it.
+    std::string dir = ConfigValue("depot_dir");
+    if (dir.empty()) {
+        const char* data = cpl_getenv("ZEL_DATDIR");
+        if (data != nullptr && *data != '\0' && IsDirectory(std::string(data) + "/depot")) {
+            dir = std::string(data) + "/depot";
+        }
+    }
+    if (dir.empty()) {
+        throw Failure(
+            "no depot is configured for this host (set depot_dir in the configuration file "
+            "named by FANOUT_CONFIG, or ZEL_DATDIR)");
+    }
+    return Absolute(dir);
+}
+
+uint32_t ConfiguredDepotSize() {
+    const std::string text = ConfigValue("depot_size");
+    if (text.empty()) return 0;
+    char* end = nullptr;
+    const unsigned long long v = std::strtoull(text.c_str(), &end, 10);
+    return (*end == '\0' && v <= 0xFFFFFFFFull) ? static_cast<uint32_t>(v) : 0;
+}
+
+std::vector<uint8_t> SegmentDescription(const SegmentName& name, const std::string& location,
+                                        int64_t size, int64_t ctime, int64_t mtime) {
+    PropertiesGuard p;
+    properties_put_string_dup(&p.list, SEGMENT_ID_KEY, name.id.c_str());
+    properties_put_string_dup(&p.list, SEGMENT_VERSION_KEY, name.version.c_str());
+    properties_put_long_dup(&p.list, SEGMENT_SIZE_KEY, static_cast<int32_t>(size));
+    properties_put_string_dup(&p.list, SEGMENT_LOCATION_KEY, location.c_str());
+    properties_put_long_dup(&p.list, SEGMENT_CTIME_KEY, static_cast<int32_t>(ctime));
+    properties_put_long_dup(&p.list, SEGMENT_MTIME_KEY, static_cast<int32_t>(mtime));
+    void* data = nullptr;
+    uint32_t length = 0;
+    properties_encode(TC_Kel_Fanout2_Properties, &p.list, &data, &length);
+    std::unique_ptr<void, MgFree> owned(data);
+    const auto* bytes = static_cast<const uint8_t*>(data);
+    return std::vector<uint8_t>(bytes, bytes + length);
+}
+
+Session::Session(const std::string& directory, uint32_t sizeKiB) : directory_(directory) {
+    if (!MakeDirectories(directory_)) {
+        throw Failure("cannot create the depot directory " + directory_ + ": " +
+                      std::strerror(errno));
+    }
+    // The lock files are opened by bare name in the current directory; every
+    // user of this depot through the tool shares them by working inside it.
+    if (::chdir(directory_.c_str()) != 0) {
+        throw Failure("cannot enter the depot directory " + directory_ + ": " +
+                      std::strerror(errno));
+    }
+    const PalError e = DepotNew(&handle_, directory_.c_str(), sizeKiB);
+    if (handle_ == nullptr) {
+        throw Failure("cannot open the depot " + directory_ + " (error " +
+                      std::to_string(e.palError) + ", " + std::strerror(e.nativeError) + ")");
+    }
+    if (sizeKiB != 0) {
+        // The balance starts at the limit in every process; what the depot
+        // already holds counts against it.
+        const uint32_t used = StoredKiB();
+        handle_->availableSpace = sizeKiB > used ? sizeKiB - used : 0;
+    }
+}
+
+Session::~Session() {
+    if (handle_ != nullptr) DepotFree(handle_);
+}
+
+std::vector<EntryInfo> Session::Entries() {
+    std::vector<EntryInfo> out;
+    const PalError locked = PalWaitSem(&handle_->depotLock);
+    if (locked.palError != PAL_OK) throw Failure("cannot lock the depot " + directory_);
+    DepotEnum* walk = nullptr;
+    if (DepotEnumNew(handle_, &walk).palError == PAL_OK && walk != nullptr) {
+        while (DepotEntry* e = DepotEntryEnumNextElement(walk)) {
+            EntryInfo info;
+            info.id = e->id ? e->id : "";
+            info.version = e->version ? e->version : "";
+            info.location = e->location ? e->location : "";
+            info.entryFile = e->entryFilePath ? e->entryFilePath : "";
+            info.state = e->state;
+            info.referenceCount = e->referenceCount;
+            info.openCount = e->openCount;
+            info.writeCount = e->writeCount;
+            info.deadline = e->deadline;
+            struct stat st {};
+            if (::stat(info.location.c_str(), &st) == 0) {
+                info.bytes = static_cast<uint64_t>(st.st_size);
+                info.dataAccessed = Seconds(st.st_atim);
+                info.dataModified = Seconds(st.st_mtim);
+            }
+            if (::stat(info.entryFile.c_str(), &st) == 0) info.entryCreated = Seconds(st.st_ctim);
+            if (e->properties != nullptr && e->propertiesLength > 0) {
+                // The description is the service's own data: a list that
+                // does not decode is shown without its fields.
+                PropertiesGuard p;
+                struct Decoding {
+                    DepotEntry* entry;
+                    Properties* list;
+                } job{e, &p.list};
+                fanout_call(
+                    [](void* arg) {
+                        auto* j = static_cast<Decoding*>(arg);
+                        properties_decode(TC_Kel_Fanout2_Properties, j->entry->properties,
+                                          j->entry->propertiesLength, j->list);
+                    },
+                    &job, nullptr);
+                auto field = [&](const char* key, int64_t fallback) -> int64_t {
+                    const int32_t i = properties_get_property_index(&p.list, key);
+                    if (i < 0 || !TypeCode_equal(p.list.buffer[i].value._type, TC_long)) {
+                        return fallback;
+                    }
+                    return *static_cast<int32_t*>(p.list.buffer[i].value._value);
+                };
+                info.expectedSize = field(SEGMENT_SIZE_KEY, -1);
+                info.ctime = field(SEGMENT_CTIME_KEY, 0);
+                info.mtime = field(SEGMENT_MTIME_KEY, 0);
+            }
+            out.push_back(std::move(info));
+        }
+        DepotEntryEnumDelete(walk);
+    }
+    PalPostSem(&handle_->depotLock);
+    std::sort(out.begin(), out.end(), [](const EntryInfo& a, const EntryInfo& b) {
+        return a.id != b.id ? a.id < b.id : a.version < b.version;
+    });
+    return out;
+}
+
+uint32_t Session::TemporaryKiB() {
+    uint32_t total = 0;
+    for (const auto& e : Entries()) {
+        if (e.state == 0) total += ConvertDataSize(e.bytes);
+    }
+    return total;
+}
+
+uint32_t Session::StoredKiB() {
+    PalUint32 total = 0;
+    DepotGetPermStorage(handle_, &total);
+    return total;
+}
+
+}  // namespace fanout::tool
