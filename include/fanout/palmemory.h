@@ -133,8 +133,8 @@ FANOUT_EXPORT PalInt32 PalStringStrspn(const PalChar* s1, const PalChar* s2) FAN
 /* vsprintf into `string`, unbounded: the caller sizes the buffer. Returns the
  * number of characters written, negative on an output error or when string
  * or format is null. */
-FANOUT_EXPORT PalInt32 PalStringSprintf(PalChar* string, const PalChar* format, ...)
-    FANOUT_NOEXCEPT FANOUT_PRINTF(2, 3);
+FANOUT_EXPORT PalInt32 PalStringSprintf(PalChar* string, const PalChar* format, ...) FANOUT_NOEXCEPT
+    FANOUT_PRINTF(2, 3);
 
 FANOUT_END_DECLS
 

@@ -25,7 +25,9 @@
 
 namespace {
 
-PalError ok() noexcept { return PalErrorCreate(PAL_OK, 0, 0); }
+PalError ok() noexcept {
+    return PalErrorCreate(PAL_OK, 0, 0);
+}
 
 PalNativeDirHandle* native(PalDirHandle handle) noexcept {
     return static_cast<PalNativeDirHandle*>(handle.handle);

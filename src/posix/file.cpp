@@ -29,7 +29,9 @@ namespace {
 constexpr PalInt32 kPrintfBufferSize = 4096;
 constexpr int kTempNameAttempts = 100;
 
-PalError ok() noexcept { return PalErrorCreate(PAL_OK, 0, 0); }
+PalError ok() noexcept {
+    return PalErrorCreate(PAL_OK, 0, 0);
+}
 PalError invalid(PalInt32 where) noexcept {
     return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, where);
 }
@@ -60,8 +62,7 @@ void temp_suffix(char out[7]) noexcept {
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
     struct timespec now {};
     clock_gettime(CLOCK_REALTIME, &now);
-    PalUint64 x = static_cast<PalUint64>(now.tv_nsec) ^
-                  (static_cast<PalUint64>(now.tv_sec) << 30) ^
+    PalUint64 x = static_cast<PalUint64>(now.tv_nsec) ^ (static_cast<PalUint64>(now.tv_sec) << 30) ^
                   (static_cast<PalUint64>(getpid()) << 40) ^
                   (counter.fetch_add(1) * 0x9E3779B97F4A7C15ull);
     // splitmix64 finaliser.
@@ -227,10 +228,17 @@ FANOUT_EXPORT PalError PalFileSetLocation(PalFileHandle handle, PalInt64 offset,
                                           PalInt32 origin) noexcept {
     int whence;
     switch (origin) {
-        case PAL_SEEK_BEGIN: whence = SEEK_SET; break;
-        case PAL_SEEK_CURRENT: whence = SEEK_CUR; break;
-        case PAL_SEEK_END: whence = SEEK_END; break;
-        default: return invalid(1);
+        case PAL_SEEK_BEGIN:
+            whence = SEEK_SET;
+            break;
+        case PAL_SEEK_CURRENT:
+            whence = SEEK_CUR;
+            break;
+        case PAL_SEEK_END:
+            whence = SEEK_END;
+            break;
+        default:
+            return invalid(1);
     }
     if (handle.handle == nullptr) return invalid(1);
     if (lseek(pal_fd(handle), static_cast<off_t>(offset), whence) < 0) return system_error(2);
@@ -263,8 +271,7 @@ FANOUT_EXPORT PalError PalFileGrantPermission(const PalChar*, PalUint32, const P
     return PalErrorCreate(PAL_ERR_NOT_SUPPORTED, 0, 0);
 }
 
-FANOUT_EXPORT PalError PalFileRevokePermission(const PalChar*, PalUint32,
-                                               const PalChar*) noexcept {
+FANOUT_EXPORT PalError PalFileRevokePermission(const PalChar*, PalUint32, const PalChar*) noexcept {
     return PalErrorCreate(PAL_ERR_NOT_SUPPORTED, 0, 0);
 }
 
@@ -276,7 +283,9 @@ FANOUT_EXPORT PalError PalFileSetAcl(const PalFileAclEntry*, const PalChar*, Pal
     return PalErrorCreate(PAL_ERR_NOT_SUPPORTED, 0, 0);
 }
 
-FANOUT_EXPORT PalInt32 PalFileAccessType(const PalChar*) noexcept { return PAL_FILE_ACCESS_TYPE; }
+FANOUT_EXPORT PalInt32 PalFileAccessType(const PalChar*) noexcept {
+    return PAL_FILE_ACCESS_TYPE;
+}
 
 FANOUT_EXPORT PalError PalFilePrintf(PalFileHandle handle, PalUint32* n, const PalChar* format,
                                      ...) noexcept {

@@ -35,11 +35,9 @@ struct PermBit {
 };
 
 constexpr PermBit kPermBits[] = {
-    {PAL_PERM_USER_READ, S_IRUSR},  {PAL_PERM_USER_WRITE, S_IWUSR},
-    {PAL_PERM_USER_EXEC, S_IXUSR},  {PAL_PERM_GROUP_READ, S_IRGRP},
-    {PAL_PERM_GROUP_WRITE, S_IWGRP}, {PAL_PERM_GROUP_EXEC, S_IXGRP},
-    {PAL_PERM_OTHER_READ, S_IROTH}, {PAL_PERM_OTHER_WRITE, S_IWOTH},
-    {PAL_PERM_OTHER_EXEC, S_IXOTH},
+    {PAL_PERM_USER_READ, S_IRUSR},  {PAL_PERM_USER_WRITE, S_IWUSR},  {PAL_PERM_USER_EXEC, S_IXUSR},
+    {PAL_PERM_GROUP_READ, S_IRGRP}, {PAL_PERM_GROUP_WRITE, S_IWGRP}, {PAL_PERM_GROUP_EXEC, S_IXGRP},
+    {PAL_PERM_OTHER_READ, S_IROTH}, {PAL_PERM_OTHER_WRITE, S_IWOTH}, {PAL_PERM_OTHER_EXEC, S_IXOTH},
 };
 
 // Milliseconds since the epoch from host seconds, sign-extended to 64 bits.
@@ -186,8 +184,7 @@ FANOUT_EXPORT PalError PalFileSetOwner(const PalChar* owner, const PalChar* path
     return set_name(Who::User, owner, path);
 }
 
-FANOUT_EXPORT PalError PalFileGetOwner(PalChar* owner, const PalChar* path,
-                                       PalUint32 n) noexcept {
+FANOUT_EXPORT PalError PalFileGetOwner(PalChar* owner, const PalChar* path, PalUint32 n) noexcept {
     return get_name(Who::User, owner, path, n);
 }
 
@@ -195,8 +192,7 @@ FANOUT_EXPORT PalError PalFileSetGroup(const PalChar* group, const PalChar* path
     return set_name(Who::Group, group, path);
 }
 
-FANOUT_EXPORT PalError PalFileGetGroup(PalChar* group, const PalChar* path,
-                                       PalUint32 n) noexcept {
+FANOUT_EXPORT PalError PalFileGetGroup(PalChar* group, const PalChar* path, PalUint32 n) noexcept {
     return get_name(Who::Group, group, path, n);
 }
 
@@ -212,8 +208,7 @@ FANOUT_EXPORT PalError PalFileSetPermissions(PalUint32 permission, const PalChar
     return PalErrorCreate(PAL_OK, 0, 0);
 }
 
-FANOUT_EXPORT PalError PalFileGetPermissions(PalUint32* permission,
-                                             const PalChar* path) noexcept {
+FANOUT_EXPORT PalError PalFileGetPermissions(PalUint32* permission, const PalChar* path) noexcept {
     if (permission == nullptr || path == nullptr) {
         return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 1);
     }

@@ -37,9 +37,8 @@ int pal_group_name(gid_t gid, PalChar* out, PalUint32 n) noexcept;
 // the system: the converted copy, or else the caller's text unchanged (the
 // "unchecked" operations let the system judge it).
 class LocalPath {
-public:
-    explicit LocalPath(const PalChar* path) noexcept
-        : original_(path), copy_(PalStringDup(path)) {
+  public:
+    explicit LocalPath(const PalChar* path) noexcept : original_(path), copy_(PalStringDup(path)) {
         localised_ = copy_ != nullptr && PalPathLocalize(copy_) != nullptr;
     }
     ~LocalPath() { PalMemoryFree(copy_); }
@@ -49,14 +48,16 @@ public:
     bool localised() const noexcept { return localised_; }
     const PalChar* host() const noexcept { return localised_ ? copy_ : original_; }
 
-private:
+  private:
     const PalChar* original_;
     PalChar* copy_;
     bool localised_ = false;
 };
 
 // The descriptor held by an open handle's cell (the caller checked it).
-inline int pal_fd(PalFileHandle handle) noexcept { return *static_cast<PalInt32*>(handle.handle); }
+inline int pal_fd(PalFileHandle handle) noexcept {
+    return *static_cast<PalInt32*>(handle.handle);
+}
 
 }  // namespace fanout
 

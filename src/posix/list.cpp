@@ -235,8 +235,9 @@ extern "C" FANOUT_EXPORT PalError PalList1IteratorNext(PalIterator* iterator, Pa
     const PalList1* list = state->list;
     // Every index read here stays inside the array, spare slot included. A
     // caller that removed the current element is walked along the free chain
-    // (the old behaviour); an index that leaves the array, which only such
-    // misuse can produce, ends the walk instead of reading outside it.
+    // (that slot's link now points there); an index that leaves the array,
+    // which only such misuse can produce, ends the walk instead of reading
+    // outside it.
     PalInt32 candidate = kNone;
     if (state->current == kNone) {
         candidate = list->last;

@@ -34,8 +34,7 @@ FANOUT_EXPORT PalInt32 PalStringICmp(const PalChar* s1, const PalChar* s2) noexc
     return strcasecmp(s1, s2);
 }
 
-FANOUT_EXPORT PalInt32 PalStringNICmp(const PalChar* s1, const PalChar* s2,
-                                      PalUint32 n) noexcept {
+FANOUT_EXPORT PalInt32 PalStringNICmp(const PalChar* s1, const PalChar* s2, PalUint32 n) noexcept {
     if (s1 == nullptr) return 1;
     if (s2 == nullptr) return -1;
     return strncasecmp(s1, s2, n);

@@ -191,7 +191,7 @@ const char* Exception::what() const noexcept {
 extern "C" {
 
 FANOUT_EXPORT void eh_throw(const char* type_id, void* record) {
-    (void)type_id;  // the record's own type_id is what identifies it
+    // The record's own type_id identifies it; type_id only names a missing one.
     fanout::install_terminate_handler();
     if (record == nullptr) {
         record = fanout::build_record("An exception was raised without a record (%1$s).\n",

@@ -203,9 +203,13 @@ TEST(TypeCodeEqual, StructuralAgainstTheStaticTypeCodes) {
         {TC_Kel_Fanout2__sequence_octet_StreamKey, TC_Kel_Types_OctetList->member_types[0], 1},
         {TC_Kel_Fanout2_Repeater, TC_Object, 0},
         {TC_Kel_Fanout2_PropertiesList, TC_Kel_Fanout2_PropertiesListList, 0},
+        {TC_long, TC_ulong, 0},
+        {nullptr, nullptr, 1},
+        {TC_Kel_Fanout2_Property, nullptr, 0},
     };
     for (const Case& c : cases) {
-        EXPECT_EQ(TypeCode_equal(c.a, c.b), c.equal) << c.a->reg_name;
+        EXPECT_EQ(TypeCode_equal(c.a, c.b), c.equal) << (c.a != nullptr ? c.a->reg_name : "null");
+        EXPECT_EQ(TypeCode_equal(c.b, c.a), c.equal);
     }
     // A decoded value with the run-time type code compares with a static one.
     Properties list = make_list(false);

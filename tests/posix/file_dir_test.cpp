@@ -32,8 +32,14 @@ void ExpectRecord(PalError e, PalInt32 pal, PalInt32 native, PalInt32 where,
     EXPECT_EQ(e.traceLocation, where) << what;
 }
 
+mode_t CurrentUmask() {
+    const mode_t mask = umask(0);
+    umask(mask);
+    return mask;
+}
+
 class PalFileTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         char tmpl[] = "/tmp/palfile.XXXXXX";
         ASSERT_NE(mkdtemp(tmpl), nullptr);
@@ -44,8 +50,8 @@ protected:
     // Opens (creating) a file for reading and writing.
     PalFileHandle Create(const char* name) {
         PalFileHandle h{nullptr};
-        ExpectRecord(PalFileOpen(&h, Path(name).c_str(), PAL_OPEN_CREATE | PAL_OPEN_RDWR), 0, 0,
-                     0, name);
+        ExpectRecord(PalFileOpen(&h, Path(name).c_str(), PAL_OPEN_CREATE | PAL_OPEN_RDWR), 0, 0, 0,
+                     name);
         return h;
     }
     std::string dir_;
@@ -76,7 +82,7 @@ TEST(PalFileMap, PermissionBitsMapExactlyBothWays) {
         EXPECT_EQ(fanout::pal_perm_to_host(layer[i]), host[i]) << i;
         EXPECT_EQ(fanout::pal_perm_from_host(host[i]), layer[i]) << i;
     }
-    EXPECT_EQ(fanout::pal_perm_to_host(0x088), 0u);                   // unused bits
+    EXPECT_EQ(fanout::pal_perm_to_host(0x088), 0u);                         // unused bits
     EXPECT_EQ(fanout::pal_perm_from_host(S_IFREG | 07000 | 0777), 0x777u);  // no type/special
 }
 
@@ -202,6 +208,7 @@ TEST_F(PalFileTest, ReadWriteSeekAndLargeSizes) {
     PalFileInfo info;
     ExpectRecord(PalFileGetInfo(Path("data").c_str(), &info), 0, 0, 0);
     EXPECT_EQ(info.size, big);
+    EXPECT_EQ(info.mode, 0x011u & fanout::pal_perm_from_host(~CurrentUmask()));  // 0600
 }
 
 TEST_F(PalFileTest, PrintfNeverGrowsItsBuffer) {
@@ -322,6 +329,10 @@ TEST_F(PalFileTest, TemporaryFilesStayInTheirDirectoryAndVanish) {
     EXPECT_TRUE(std::filesystem::is_empty(dir_));
     PalUint32 count = 0;
     ExpectRecord(PalFileWrite(h, "abc", 3, &count), 0, 0, 0);
+    struct stat st;
+    ASSERT_EQ(fstat(fanout::pal_fd(h), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0700u & ~CurrentUmask());
+    EXPECT_EQ(st.st_nlink, 0u);  // already unlinked
     ExpectRecord(PalFileClose(h), 0, 0, 0);
     ExpectRecord(PalFileOpenTemporary(Path("missing").c_str(), &h), 2, 0, 2);
 }
@@ -332,9 +343,7 @@ TEST_F(PalFileTest, DirectoriesAndStreams) {
     ExpectRecord(PalDirCreateDirectory(sub.c_str()), -4, EEXIST, 1);
     struct stat st;
     ASSERT_EQ(stat(sub.c_str(), &st), 0);
-    const mode_t mask = umask(0);
-    umask(mask);
-    EXPECT_EQ(st.st_mode & 0777, 0700u & ~mask);
+    EXPECT_EQ(st.st_mode & 0777, 0700u & ~CurrentUmask());
     EXPECT_TRUE(PalDirIsDirectory(sub.c_str()));
     PalFileClose(Create("sub/a"));
     PalFileClose(Create("sub/b"));

