@@ -78,10 +78,12 @@ DepotEntry* BuildRecord(DepotHandle* handle, const PalChar* id, const PalChar* v
 }
 
 // Sets the state and writes the record when the state changes, re-reading the
-// shared counters first. REQUIRES: entry lock held.
-PalError ChangeStateLocked(DepotHandle* handle, DepotEntry* entry, PalInt32 state) noexcept {
+// shared counters first unless the caller just did (and changed them).
+// REQUIRES: entry lock held.
+PalError ChangeStateLocked(DepotHandle* handle, DepotEntry* entry, PalInt32 state,
+                           bool sync) noexcept {
     if (entry->state == state) return Ok();
-    SyncSharedCounters(entry);
+    if (sync) SyncSharedCounters(entry);
     entry->state = state;
     return DepotSaveEntry_internal(handle, entry);
 }
@@ -241,7 +243,7 @@ PalError DepotEntryChangeState(DepotHandle* handle, DepotEntry* entry, PalInt32 
                err.nativeError);
         return err;
     }
-    PalError result = ChangeStateLocked(handle, entry, state);
+    PalError result = ChangeStateLocked(handle, entry, state, true);
     lock.Release();
     Logger(3, "DepotEntryChangeState exit\n");
     return result;
@@ -297,7 +299,7 @@ PalError DepotUnregisterEntry(DepotHandle* handle, DepotEntry* entry, PalBool fo
         // Back to complete, written in the same hold of the entry lock as the
         // decrement, so no other registrant's change slips in between.
         Logger(3, "DepotEntryChangeState entry\n");
-        (void)ChangeStateLocked(handle, entry, DEPOT_STATE_COMPLETE);
+        (void)ChangeStateLocked(handle, entry, DEPOT_STATE_COMPLETE, false);
         Logger(3, "DepotEntryChangeState exit\n");
         lock.Release();
         (void)FreeRecordLocked(handle, entry, true);

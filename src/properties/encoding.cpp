@@ -33,6 +33,7 @@
 #include "fanout/file.h"
 #include "fanout/properties.h"
 
+namespace fanout {
 namespace {
 
 constexpr int32_t kReadFailed = 19;
@@ -149,6 +150,9 @@ void read_body(Properties* out, File* f, uint32_t header, uint32_t length) {
 }
 
 }  // namespace
+}  // namespace fanout
+
+using namespace fanout;
 
 extern "C" {
 

@@ -11,6 +11,7 @@
 #include "fanout/message.h"
 #include "fanout/properties.h"
 
+namespace fanout {
 namespace {
 
 struct MgFree {
@@ -26,6 +27,9 @@ char* string_if_present(const Properties* p, const char* key) {
 }
 
 }  // namespace
+}  // namespace fanout
+
+using namespace fanout;
 
 extern "C" {
 

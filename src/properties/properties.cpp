@@ -20,6 +20,7 @@
 #include "fanout/pathname.h"
 #include "fanout/properties.h"
 
+namespace fanout {
 namespace {
 
 constexpr int32_t kMissingKey = 36;
@@ -62,6 +63,9 @@ T* new_scalar(T value) {
 }
 
 }  // namespace
+}  // namespace fanout
+
+using namespace fanout;
 
 extern "C" {
 

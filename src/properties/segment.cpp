@@ -13,6 +13,7 @@
 #include "fanout/properties.h"
 #include "fanout/segment.h"
 
+namespace fanout {
 namespace {
 
 struct MgFree {
@@ -66,6 +67,9 @@ Toc* build_toc(PropertiesList* list, bool owns_list) {
 }
 
 }  // namespace
+}  // namespace fanout
+
+using namespace fanout;
 
 extern "C" {
 

@@ -27,6 +27,10 @@
  * star is ever resumed, as in the classic two-pointer glob matcher.
  */
 #include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
 
 #include "fanout/log.h"
 #include "fanout/pathname.h"
@@ -37,6 +41,85 @@ namespace {
 constexpr int32_t kMatch = 0;
 constexpr int32_t kNoMatch = 1;
 constexpr int32_t kMalformed = -2;
+
+/* Which backslashes of a pattern are the trailing byte of a double-byte
+ * character (and so no escape). The answer is ilx_mbsbtype's, asked once per
+ * backslash on the first need, in one forward pass: each question starts at
+ * the last known character boundary instead of the pattern's start, so the
+ * pass is linear however many backslashes there are. (The byte type of a
+ * position does not depend on where, on a character boundary, the scan
+ * starts; an invalid byte makes every later position invalid, as it would
+ * for a scan from the start.) A single-byte code set has no trailing bytes
+ * and needs no pass. Without memory for the table each backslash is asked
+ * directly. */
+class Backslashes {
+public:
+    explicit Backslashes(const char* base) : base_(base) {}
+
+    bool trailing(const char* p)
+    {
+        if (!classified_) {
+            classify();
+        }
+        const size_t off = static_cast<size_t>(p - base_);
+        if (table_) {
+            return table_[off] != 0;
+        }
+        return multibyte_ && ilx_mbsbtype(base_, static_cast<int32_t>(off)) == 2;
+    }
+
+private:
+    int32_t type_at(size_t boundary, size_t off) const
+    {
+        return ilx_mbsbtype(base_ + boundary, static_cast<int32_t>(off - boundary));
+    }
+
+    void classify()
+    {
+        classified_ = true;
+        multibyte_ = MB_CUR_MAX > 1;
+        if (!multibyte_) {
+            return;
+        }
+        const size_t len = std::strlen(base_);
+        table_.reset(new (std::nothrow) unsigned char[len + 1]());
+        if (!table_) {
+            return;
+        }
+        size_t boundary = 0;  // a character starts here
+        for (size_t off = 0; off < len; ++off) {
+            if (base_[off] != '\\') {
+                continue;
+            }
+            int32_t t = type_at(boundary, off);
+            if (t == -1) {
+                return;
+            }
+            if (t != 2) {
+                boundary = off;
+                continue;
+            }
+            // The backslash ends a character that began before it: find where
+            // the next one starts, marking any further trailing backslashes.
+            table_[off] = 1;
+            size_t next = off + 1;
+            while ((t = type_at(boundary, next)) == 2) {
+                table_[next] = base_[next] == '\\' ? 1 : 0;
+                ++next;
+            }
+            if (t == -1) {
+                return;
+            }
+            boundary = next;
+            off = next - 1;
+        }
+    }
+
+    const char* base_;
+    std::unique_ptr<unsigned char[]> table_;
+    bool classified_ = false;
+    bool multibyte_ = false;
+};
 
 /* One bracket expression at p (just after the '['), tested against c.
  * Stores in *next the pattern position after the ']' (at the pattern's end
@@ -89,8 +172,9 @@ int32_t bracket(const char* p, char c, const char** next)
  * file comment). A failure after a star resumes it one string position
  * further, a malformed bracket included; a string that runs out ends the
  * search. */
-int32_t walk(const char* base, const char* p, const char* s)
+int32_t walk(const char* p, const char* s)
 {
+    Backslashes backslashes(p);
     const char* star = nullptr;    // the latest star passed
     const char* resume = nullptr;  // where its rest was last tried
     for (;;) {
@@ -116,7 +200,7 @@ int32_t walk(const char* base, const char* p, const char* s)
         case '\\':
             // A backslash that is the trailing byte of a double-byte
             // character is just that byte; otherwise it quotes the next one.
-            if (ilx_mbsbtype(base, static_cast<int32_t>(p - base)) != 2) {
+            if (!backslashes.trailing(p)) {
                 ++p;
             }
             step = *p == *s ? kMatch : kNoMatch;
@@ -166,5 +250,5 @@ extern "C" int32_t match(const char* pat, const char* string)
     if (pat == nullptr || string == nullptr) {
         return -1;
     }
-    return fanout::walk(pat, pat, string);
+    return fanout::walk(pat, string);
 }

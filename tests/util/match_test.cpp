@@ -4,6 +4,9 @@
  * search that defines it.) */
 #include <gtest/gtest.h>
 
+#include <clocale>
+#include <cstdlib>
+#include <filesystem>
 #include <string>
 
 #include "fanout/pathname.h"
@@ -96,6 +99,41 @@ TEST(Match, TableOfRules)
         EXPECT_EQ(match(c.pat, c.str), c.expected)
             << "pattern \"" << (c.pat ? c.pat : "(null)") << "\" string \""
             << (c.str ? c.str : "(null)") << "\"";
+    }
+}
+
+/* In a double-byte code set a backslash can be the second byte of a
+ * character; it is then that character's byte, not an escape. The code set
+ * is built for the test with localedef; without it the test is skipped. */
+TEST(Match, BackslashThatEndsADoubleByteCharacter)
+{
+    const Case cases[] = {
+        {"\xa5\\", "\xa5\\", 0},        // BIG5 a5 5c is one character
+        {"\xa5\\*", "\xa5\\x", 0},      // so the star stays a star
+        {"*\xa5\\?", "ab\xa5\\c", 0},   // also when a star resumes
+        {"x\xa5\\\\*", "x\xa5\\*", 0}, // the next backslash escapes
+        {"\\*", "*", 0},
+        {"\\*", "a", 1},
+    };
+    EXPECT_EQ(match("\xa5\\", "\xa5\\"), 1);  // single-byte: an escape of NUL
+
+    char tmpl[] = "/tmp/fanout-locale-XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    const std::string dir = tmpl;
+    const std::string cmd = "localedef -f BIG5 -i zh_TW " + dir + "/zh_TW.BIG5 >/dev/null 2>&1";
+    const int rc = std::system(cmd.c_str());
+    setenv("LOCPATH", dir.c_str(), 1);
+    const bool have = rc != -1 && std::setlocale(LC_CTYPE, "zh_TW.BIG5") != nullptr;
+    if (have) {
+        for (const Case& c : cases) {
+            EXPECT_EQ(match(c.pat, c.str), c.expected) << "pattern \"" << c.pat << "\"";
+        }
+        std::setlocale(LC_CTYPE, "C");
+    }
+    unsetenv("LOCPATH");
+    std::filesystem::remove_all(dir);
+    if (!have) {
+        GTEST_SKIP() << "no BIG5 code set";
     }
 }
 
