@@ -247,15 +247,20 @@ FANOUT_EXPORT void ev_to_exception(Environment* env);
 FANOUT_EXPORT void ev_clear(Environment* env);
 
 /* ------------------------------------------------------------------------ */
-/* Sequences. element_size is the size of one element in bytes. */
+/* Sequences. `seq` points to any three-word sequence header (GenericSeq
+ * layout) and must not be null except where stated; element_size is the size
+ * of one element in bytes. Allocation failures raise. */
 
-/* Appends a copy of the element's bytes, growing the buffer as needed. */
+/* Appends a copy of the element's bytes, growing the buffer as needed
+ * (doubling, so appends are amortised constant time). The element may lie in
+ * the sequence's own buffer. */
 FANOUT_EXPORT void seq_add(void* seq, const void* element, uint32_t element_size);
 /* Removes element index, closing the gap; returns a newly allocated copy of
  * the removed element's bytes (the caller owns what it points to), or null
  * when index is not below length. */
 FANOUT_EXPORT void* seq_remove(void* seq, uint32_t index, uint32_t element_size);
-/* Frees the buffer only (not the elements' contents) and zeroes the header. */
+/* Frees the buffer only (not the elements' contents) and zeroes the header.
+ * Null is ignored. */
 FANOUT_EXPORT void seq_free_buffer(void* seq);
 
 /* ------------------------------------------------------------------------ */
@@ -281,7 +286,9 @@ FANOUT_EXPORT void kel_free_generic(void* value, TypeCode tc);
 FANOUT_EXPORT void* _generic_copy(TypeCode tc, Environment* env, const void* source,
                                   int32_t temporary);
 /* Deep copy of `source` into the caller's storage at `dest` (tc->size bytes;
- * whatever was there is overwritten, not freed). */
+ * whatever was there is overwritten, not freed). A null source zeroes dest;
+ * null dest or tc does nothing. When the allocator raises part way, the
+ * partial copy is freed and dest left zeroed before the exception goes on. */
 FANOUT_EXPORT void _t_generic_copy(TypeCode tc, Environment* env, void* dest,
                                    const void* source);
 /* Deep equality: 1 when the two values have equal contents, else 0. Same
@@ -300,9 +307,9 @@ FANOUT_EXPORT int32_t _t_generic_equal(TypeCode tc, Environment* env, const void
  * address of the member's value (strings and scalars by address, sequences
  * and structs by pointer); each is deep-copied. The list ends with a null
  * pointer, written (void*)0 or nullptr, not a plain 0 (members after it are
- * left zeroed). The caller owns the
- * result (kel_free_generic, then mg_free). Raises when tc is not a struct or
- * exception, or a member cannot be walked (nothing is left allocated). */
+ * left zeroed). The caller owns the result (kel_free_generic, then mg_free).
+ * Raises when tc is not a struct or exception, or a member cannot be walked
+ * (nothing is left allocated). */
 FANOUT_EXPORT void* generic_create(TypeCode tc, ...);
 
 /* ------------------------------------------------------------------------ */

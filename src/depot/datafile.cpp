@@ -52,8 +52,8 @@ PalError DepotFileOpenForWrite(DepotHandle* handle, DepotEntry* entry, PalFileHa
     entry->writeCount += 1;
     entry->lastAccessTime = now;
     entry->lastWriteTime = now;
-    SyncSharedCounters(entry);
-    PalError saved = DepotSaveEntry_internal(handle, entry);
+    PalError saved = SyncSharedCounters(entry);
+    if (saved.palError == PAL_OK) saved = DepotSaveEntry_internal(handle, entry);
     if (saved.palError != PAL_OK)
         Logger(1, "DepotFileOpenForWrite error %d updating segment attributes\n", saved.palError);
     lock.Release();
@@ -84,8 +84,8 @@ PalError DepotFileOpenForRead(DepotHandle* handle, DepotEntry* entry, PalFileHan
     }
     entry->openCount += 1;
     entry->lastAccessTime = Now();
-    SyncSharedCounters(entry);
-    PalError saved = DepotSaveEntry_internal(handle, entry);
+    PalError saved = SyncSharedCounters(entry);
+    if (saved.palError == PAL_OK) saved = DepotSaveEntry_internal(handle, entry);
     if (saved.palError != PAL_OK)
         Logger(1, "DepotFileOpenForRead error %d updating segment attributes\n", saved.palError);
     lock.Release();

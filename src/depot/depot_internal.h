@@ -71,11 +71,12 @@ void ReloadEntryFromText(DepotEntry* entry, const PalChar* text) noexcept;
 bool VerifyEntry(DepotEntry* entry) noexcept;
 
 // Re-reads the counters that several registrants update (reference_count and
-// deadline) from the entry file, so that a change made by another process
-// under the entry lock is not overwritten. A missing entry file means the
-// entry was deleted meanwhile: the count restarts at 0.
-// REQUIRES: entry lock held.
-void SyncSharedCounters(DepotEntry* entry) noexcept;
+// deadline), and the location, from the entry file, so that a change made by
+// another process under the entry lock is not overwritten. Returns
+// PAL_ERR_NO_ENTRY when the entry file is gone or now holds another key: the
+// record is stale and must not be written back (that would resurrect a
+// deleted entry, or overwrite another one). REQUIRES: entry lock held.
+PalError SyncSharedCounters(DepotEntry* entry) noexcept;
 
 // Frees the record's strings, properties and the record. No lock, no list.
 void FreeRecordFields(DepotEntry* entry) noexcept;

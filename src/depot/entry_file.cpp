@@ -261,20 +261,33 @@ bool VerifyEntry(DepotEntry* entry) noexcept {
     return match;
 }
 
-void SyncSharedCounters(DepotEntry* entry) noexcept {
+PalError SyncSharedCounters(DepotEntry* entry) noexcept {
     PalChar* text = nullptr;
     PalInt32 capacity = 0;
     ReadResult r = ReadWholeFile(entry->entryFilePath, &text, &capacity);
+    PalError status = Ok();
     if (r.failure == ReadFailure::kOpen && r.error.nativeError == ENOENT) {
-        entry->referenceCount = 0;  // deleted meanwhile: whatever it held is gone
-    } else if (r.failure == ReadFailure::kNone &&
-               FindTagContent(text, "id").Equals(entry->id) &&
-               FindTagContent(text, "version").Equals(entry->version)) {
-        TagContent c = FindTagContent(text, "reference_count");
-        if (c.present()) entry->referenceCount = ParseTagNumber(c);
-        if ((c = FindTagContent(text, "deadline")).present()) entry->deadline = ParseTagNumber(c);
+        status = PalErrorCreate(PAL_ERR_NO_ENTRY, ENOENT, 1);  // deleted meanwhile
+    } else if (r.failure == ReadFailure::kNone) {
+        if (!FindTagContent(text, "id").Equals(entry->id) ||
+            !FindTagContent(text, "version").Equals(entry->version)) {
+            status = PalErrorCreate(PAL_ERR_NO_ENTRY, 0, 2);  // the path now holds another key
+        } else {
+            TagContent c = FindTagContent(text, "reference_count");
+            if (c.present()) entry->referenceCount = ParseTagNumber(c);
+            if ((c = FindTagContent(text, "deadline")).present())
+                entry->deadline = ParseTagNumber(c);
+            // The location never changes after the entry is added; taking it
+            // from the file undoes a copy read while another process was
+            // rewriting it.
+            if ((c = FindTagContent(text, "location")).present() && !c.Equals(entry->location))
+                ReplaceString(&entry->location, c);
+        }
     }
+    // Any other read failure leaves the record as it is; the write that
+    // follows reports its own error if the file is really unusable.
     PalMemoryFree(text);
+    return status;
 }
 
 void FreeRecordFields(DepotEntry* entry) noexcept {

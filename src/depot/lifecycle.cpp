@@ -83,7 +83,10 @@ DepotEntry* BuildRecord(DepotHandle* handle, const PalChar* id, const PalChar* v
 PalError ChangeStateLocked(DepotHandle* handle, DepotEntry* entry, PalInt32 state,
                            bool sync) noexcept {
     if (entry->state == state) return Ok();
-    if (sync) SyncSharedCounters(entry);
+    if (sync) {
+        PalError synced = SyncSharedCounters(entry);
+        if (synced.palError != PAL_OK) return synced;
+    }
     entry->state = state;
     return DepotSaveEntry_internal(handle, entry);
 }
@@ -261,14 +264,17 @@ PalError DepotCompleteEntry(DepotHandle* handle, DepotEntry* entry, PalInt32 dea
                err.nativeError);
         return err;
     }
-    SyncSharedCounters(entry);
-    entry->state = DEPOT_STATE_COMPLETE;
-    // The deadline only moves later (compared as unsigned seconds).
-    if (static_cast<PalUint32>(entry->deadline) < static_cast<PalUint32>(deadline))
-        entry->deadline = deadline;
-    entry->referenceCount =
-        static_cast<PalInt32>(static_cast<PalUint32>(entry->referenceCount) + 1u);
-    PalError result = DepotSaveEntry_internal(handle, entry);
+    // A record whose entry was deleted meanwhile is not written back.
+    PalError result = SyncSharedCounters(entry);
+    if (result.palError == PAL_OK) {
+        entry->state = DEPOT_STATE_COMPLETE;
+        // The deadline only moves later (compared as unsigned seconds).
+        if (static_cast<PalUint32>(entry->deadline) < static_cast<PalUint32>(deadline))
+            entry->deadline = deadline;
+        entry->referenceCount =
+            static_cast<PalInt32>(static_cast<PalUint32>(entry->referenceCount) + 1u);
+        result = DepotSaveEntry_internal(handle, entry);
+    }
     lock.Release();
     (void)DepotFreeEntry(handle, entry);
     Logger(3, "DepotCompleteEntry exit\n");
@@ -291,7 +297,15 @@ PalError DepotUnregisterEntry(DepotHandle* handle, DepotEntry* entry, PalBool fo
         Logger(0, "DepotUnregisterEntry exit.  Error %d obtaining entry lock\n", err.palError);
         return err;
     }
-    SyncSharedCounters(entry);
+    err = SyncSharedCounters(entry);
+    if (err.palError != PAL_OK) {
+        // Deleted by another process meanwhile: nothing is left to unregister.
+        lock.Release();
+        (void)FreeRecordLocked(handle, entry, true);
+        depot.Release();
+        Logger(3, "DepotUnregisterEntry exit\n");
+        return err;
+    }
     entry->referenceCount =
         static_cast<PalInt32>(static_cast<PalUint32>(entry->referenceCount) - 1u);
     PalError result = Ok();
