@@ -207,6 +207,8 @@ PalError DepotPurgeExpiredEntries(DepotHandle* handle) noexcept {
                        result.palError, result.nativeError);
                 continue;
             }
+            // The deadline as it stands now, not as the walk read it.
+            (void)SyncSharedCounters(entry);
             expired = IsExpired(entry, static_cast<PalUint32>(std::time(nullptr)));
         }
         if (expired) {

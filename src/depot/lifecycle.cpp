@@ -91,6 +91,34 @@ PalError ChangeStateLocked(DepotHandle* handle, DepotEntry* entry, PalInt32 stat
     return DepotSaveEntry_internal(handle, entry);
 }
 
+// Deletes the entry's files when it has no references or `force` is set: the
+// data file first, the entry file only once the data file is gone (so that a
+// later scan still finds any data left behind). With `sync` the count is
+// re-read from the entry file first; a path that now holds another key is
+// left alone. Returns the last deletion's status. REQUIRES: entry lock held.
+PalError RemoveFilesLocked(DepotHandle* handle, DepotEntry* entry, PalBool force,
+                           bool sync) noexcept {
+    if (sync) {
+        PalError synced = SyncSharedCounters(entry);
+        if (synced.palError != PAL_OK && synced.nativeError == 0) return synced;
+    }
+    PalError result = Ok();
+    if (entry->referenceCount != 0 && !force) return result;
+    DetachRecord(handle, entry);
+    result = PalFileRemove(entry->location);
+    if (result.palError != PAL_OK)
+        Logger(1, "DepotRemoveEntry_internal exit.  Error %d removing file %s\n", result.palError,
+               OrNull(entry->location));
+    PalFileInfo info;
+    if (PalFileGetInfo(entry->location, &info).palError != PAL_OK) {
+        result = PalFileRemove(entry->entryFilePath);
+        if (result.palError != PAL_OK)
+            Logger(1, "DepotRemoveEntry_internal exit.  Error %d removing file %s\n",
+                   result.palError, OrNull(entry->entryFilePath));
+    }
+    return result;
+}
+
 }  // namespace
 
 void DetachRecord(DepotHandle* handle, DepotEntry* entry) noexcept {
@@ -318,8 +346,13 @@ PalError DepotUnregisterEntry(DepotHandle* handle, DepotEntry* entry, PalBool fo
         lock.Release();
         (void)FreeRecordLocked(handle, entry, true);
     } else {
+        // Deleted in the same hold of the entry lock as the decrement: a
+        // completion slipping in between would otherwise be lost with the files.
+        Logger(3, "DepotRemoveEntry_internal entry\n");
+        result = RemoveFilesLocked(handle, entry, force, false);
         lock.Release();
-        result = DepotRemoveEntry_internal(handle, entry, force);
+        (void)FreeRecordLocked(handle, entry, true);
+        Logger(3, "DepotRemoveEntry_internal exit\n");
     }
     depot.Release();
     Logger(3, "DepotUnregisterEntry exit\n");
@@ -336,23 +369,7 @@ PalError DepotRemoveEntry_internal(DepotHandle* handle, DepotEntry* entry, PalBo
                err.nativeError);
         return err;
     }
-    PalError result = Ok();
-    if (entry->referenceCount == 0 || force) {
-        DetachRecord(handle, entry);
-        result = PalFileRemove(entry->location);
-        if (result.palError != PAL_OK)
-            Logger(1, "DepotRemoveEntry_internal exit.  Error %d removing file %s\n",
-                   result.palError, OrNull(entry->location));
-        // The entry file goes only once the data file is gone, so that a later
-        // scan still finds any data left behind.
-        PalFileInfo info;
-        if (PalFileGetInfo(entry->location, &info).palError != PAL_OK) {
-            result = PalFileRemove(entry->entryFilePath);
-            if (result.palError != PAL_OK)
-                Logger(1, "DepotRemoveEntry_internal exit.  Error %d removing file %s\n",
-                       result.palError, OrNull(entry->entryFilePath));
-        }
-    }
+    PalError result = RemoveFilesLocked(handle, entry, force, true);
     lock.Release();
     (void)FreeRecordLocked(handle, entry, true);
     Logger(3, "DepotRemoveEntry_internal exit\n");

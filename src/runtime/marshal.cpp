@@ -420,8 +420,10 @@ FANOUT_EXPORT void marshal_item(AdrBuffer* buf, TypeCode tc, void* value) {
     walk(buf, tc, value);
 }
 
+// A struct has no framing in CDR: these only count its nesting. The count
+// moves even after an error so that every start/end pair stays balanced.
 FANOUT_EXPORT void adr_start_struct(AdrBuffer* buf) {
-    if (buf == nullptr || failed(buf)) return;
+    if (buf == nullptr) return;
     if (++buf->depth > ADR_MAX_DEPTH) fail(buf, ADR_ERR_TOO_DEEP);
 }
 

@@ -22,6 +22,8 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <mutex>
+#include <unordered_map>
 #include <vector>
 
 #include "fanout/runtime.h"
@@ -216,6 +218,7 @@ private:
     bool count_nodes(uint64_t n);
     TcRef read_indirection();
     TcRef read_body(uint32_t kind);
+    TcRef read_canonical();
     char* read_text();
     bool read_names(TypeCodeRec* rec);
     TcRef read_members(TypeCodeRec* rec, bool is_struct);
@@ -224,6 +227,7 @@ private:
     AdrBuffer* b_;
     uint32_t first_;
     uint64_t nodes_ = 0;
+    int level_ = 0;  // TypeCodes being read that enclose the current one
     std::vector<Seen> seen_;
 };
 
@@ -247,9 +251,13 @@ TcRef TypeCodeReader::read() {
     if (kind == kIndirection) return read_indirection();
     uint64_t nodes_before = nodes_;
     if (!count_nodes(1)) return nullptr;
+    ++level_;
     TcRef tc = read_body(kind);
+    --level_;
     if (tc == nullptr) return nullptr;
-    seen_.push_back(Seen{at, nodes_ - nodes_before + 1, TypeCode_duplicate(tc.get())});
+    // Only nested TypeCodes can be named by an indirection: the top-level one
+    // is complete only when there is nothing left to read.
+    if (level_ > 0) seen_.push_back(Seen{at, nodes_ - nodes_before, TypeCode_duplicate(tc.get())});
     return tc;
 }
 
@@ -325,6 +333,10 @@ TcRef TypeCodeReader::read_members(TypeCodeRec* rec, bool is_struct) {
 TcRef TypeCodeReader::read_body(uint32_t kind) {
     if (TypeCode basic = tc_basic(kind); basic != nullptr && kind != FANOUT_TK_STRING)
         return TcRef(basic);
+    if (kind != FANOUT_TK_SEQUENCE) {
+        if (TcRef known = read_canonical()) return known;
+        if (failed(b_)) return nullptr;
+    }
     switch (kind) {
     case FANOUT_TK_STRING: {
         uint32_t bound = 0;
@@ -415,6 +427,77 @@ TcRef TypeCodeReader::read_body(uint32_t kind) {
 TcRef TypeCodeReader::registered(TcRef tc) {
     TypeCode known = tc_registry_find(tc->repo_id);
     if (known == nullptr || known == tc.get() || !TypeCode_equal(known, tc.get())) return tc;
+    return TcRef(TypeCode_duplicate(known));
+}
+
+/* ------------------------------------------- fast path for our own output */
+
+// What the slow path would have counted for a registered type code: its
+// nodes and its height.
+struct Canonical {
+    std::vector<uint8_t> bytes;  // the encapsulation, length word included
+    uint64_t nodes = 0;
+    int height = 0;
+};
+
+void measure(TypeCode tc, int level, Canonical* c) {
+    if (tc == nullptr || level > 2 * ADR_MAX_DEPTH) return;
+    c->nodes++;
+    if (level > c->height) c->height = level;
+    bool has_members = tc->kind == FANOUT_TK_STRUCT || tc->kind == FANOUT_TK_EXCEPT ||
+                       tc->kind == FANOUT_TK_SEQUENCE || tc->kind == FANOUT_TK_ALIAS;
+    if (!has_members) return;
+    for (uint32_t i = 0; i < tc->member_count; ++i) measure(member(tc, i), level + 1, c);
+}
+
+// The canonical encoding of a registered type code's parameters, built once
+// per type code and kept for the life of the process (registered type codes
+// are static, so the set is small and fixed).
+const Canonical& canonical_form(TypeCode known) {
+    static std::mutex lock;
+    static auto* forms = new std::unordered_map<TypeCode, Canonical>();
+    std::lock_guard<std::mutex> hold(lock);
+    auto it = forms->find(known);
+    if (it != forms->end()) return it->second;
+    Canonical c;
+    AdrBuffer* enc = adr_init_encode_buffer();
+    write_typecode(enc, known);
+    if (enc->error == ADR_OK && enc->length > 4) c.bytes.assign(enc->data + 4, enc->data + enc->length);
+    adr_free_buf(enc);
+    measure(known, 1, &c);
+    return forms->emplace(known, std::move(c)).first->second;
+}
+
+// Our encoder writes a registered type code's encapsulation in one fixed
+// form. When the input holds exactly that form (same length word, big-endian
+// octet, same bytes), the registered type code is the answer and nothing
+// needs building. Returns null, without an error, when the form differs:
+// the caller then reads the TypeCode in full.
+TcRef TypeCodeReader::read_canonical() {
+    uint32_t at = b_->position;
+    uint32_t left = remaining(b_);
+    if (left < 12) return nullptr;
+    const uint8_t* p = b_->data + at;
+    uint32_t len = 0, id_len = 0;
+    std::memcpy(&len, p, 4);
+    std::memcpy(&id_len, p + 8, 4);
+    len = to_big(len);
+    id_len = to_big(id_len);
+    // Big-endian only: the length word and the order octet of our own output.
+    if (b_->swap != 0 || p[4] != 0 || len > left - 4 || len < 8 || id_len == 0 ||
+        id_len > len - 8)
+        return nullptr;
+    const auto* id = reinterpret_cast<const char*>(p + 12);
+    if (id[id_len - 1] != '\0') return nullptr;
+    TypeCode known = tc_registry_find(id);
+    if (known == nullptr) return nullptr;
+    const Canonical& form = canonical_form(known);
+    if (form.bytes.size() != uint64_t{len} + 4 || std::memcmp(form.bytes.data(), p, len + 4) != 0)
+        return nullptr;
+    // The nesting the full reading would have gone through must fit as well.
+    if (b_->depth + form.height - 1 > ADR_MAX_DEPTH) return nullptr;
+    b_->position = at + 4 + len;
+    if (!count_nodes(form.nodes - 1)) return nullptr;
     return TcRef(TypeCode_duplicate(known));
 }
 

@@ -10,10 +10,12 @@
  *     the character there is not the pattern's last, past that character as
  *     well, so "[a-c]xy" matches "by" and not "bxy" while "[a-c]x" matches
  *     "bx".
- *  2. A star tries the rest of the pattern at each remaining string position
- *     but never at the very end of the string; only a final star (or a
- *     single star left over when the string runs out) matches the empty
- *     tail.
+ *  2. When the string runs out first, what is left of the pattern matches
+ *     the empty tail only if it is nothing or one single star: "a**" does
+ *     not match "a".
+ *
+ * A backslash that is the second byte of a double-byte character in the
+ * current code set is that character's byte, not an escape.
  *
  * The result is defined by the exhaustive search (each star calls the
  * matcher on the rest of the pattern at every remaining string position),
@@ -235,7 +237,7 @@ int32_t walk(const char* p, const char* s)
         }
         ++resume;
         if (*resume == '\0') {
-            return kNoMatch;  // the star never tries the empty tail
+            return kNoMatch;  // the star has tried every position
         }
         p = star + 1;
         s = resume;

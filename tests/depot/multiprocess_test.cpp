@@ -75,6 +75,8 @@ bool Unregister(DepotHandle* h, const std::string& key) {
         int k = static_cast<int>(rng() % kKeys);
         std::string key = KeyName(k);
         unsigned op = rng() % 20;
+        int c0 = tally.completions[k], u0 = tally.unregistrations[k];
+        struct timespec ts0; clock_gettime(CLOCK_MONOTONIC, &ts0);
         if (op < 8) {
             if (AddWriteComplete(h, key)) ++tally.completions[k];
         } else if (op < 13) {
@@ -84,6 +86,14 @@ bool Unregister(DepotHandle* h, const std::string& key) {
                 ++tally.unregistrations[k];
         } else {
             DepotPurgeExpiredEntries(h);
+        }
+        if (true) {
+            struct timespec ts; clock_gettime(CLOCK_MONOTONIC, &ts);
+            std::string cnt = "-";
+            for (const auto& n : ListDir("depot")) { std::string t = ReadFile("depot/" + n); if (t.find("<id>" + key + "<") != std::string::npos) { auto a = t.find("<reference_count>"); cnt += n + ":" + t.substr(a + 17, 2) + "/" + t.substr(t.find("<state>")+7,1) + " "; } }
+            fprintf(stderr, "CNT %s\n", cnt.c_str());
+            fprintf(stderr, "TRACE %ld.%09ld-%ld.%09ld k%02d p%d op%u c%d u%d %s\n", (long)ts0.tv_sec, ts0.tv_nsec, (long)ts.tv_sec, ts.tv_nsec, k, index, op,
+                    tally.completions[k] - c0, tally.unregistrations[k] - u0, cnt.c_str());
         }
     }
     ssize_t n = ::write(out, &tally, sizeof tally);
@@ -136,7 +146,16 @@ TEST_F(DepotMultiProcess, RandomOperationsKeepFilesAndCountsConsistent) {
         SCOPED_TRACE(KeyName(k));
         int expected = total.completions[k] - total.unregistrations[k];
         DepotEntry* e = DepotGetEntry(handle_, KeyName(k).c_str(), "1");
-        EXPECT_EQ(e != nullptr ? e->referenceCount : 0, expected);
+        EXPECT_EQ(e != nullptr ? e->referenceCount : 0, expected)
+            << (e != nullptr ? e->entryFilePath : "") << " " << ReadFile(e ? e->entryFilePath : "")
+            << [&] {
+                   std::string all;
+                   for (const auto& n : names)
+                       if (ReadFile("depot/" + n).find("<id>" + KeyName(k) + "<") != std::string::npos)
+                           all += " " + n;
+                   return all;
+               }()
+            << " comp " << total.completions[k] << " unreg " << total.unregistrations[k];
     }
 }
 
