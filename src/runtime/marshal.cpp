@@ -180,7 +180,8 @@ void encode_sequence(AdrBuffer* b, TypeCode tc, const GenericSeq* s) {
         return;
     }
     const auto* p = static_cast<const uint8_t*>(s->buffer);
-    for (uint32_t i = 0; i < count && !failed(b); ++i) encode_value(b, elem, p + size_t{i} * elem->size);
+    for (uint32_t i = 0; i < count && !failed(b); ++i)
+        encode_value(b, elem, p + size_t{i} * elem->size);
 }
 
 void decode_sequence(AdrBuffer* b, TypeCode tc, GenericSeq* s) {
@@ -216,7 +217,8 @@ void decode_sequence(AdrBuffer* b, TypeCode tc, GenericSeq* s) {
     auto* p = static_cast<uint8_t*>(mg_calloc(count, elem->size == 0 ? 1 : elem->size));
     s->buffer = p;
     s->maximum = s->length = count;
-    for (uint32_t i = 0; i < count && !failed(b); ++i) decode_value(b, elem, p + size_t{i} * elem->size);
+    for (uint32_t i = 0; i < count && !failed(b); ++i)
+        decode_value(b, elem, p + size_t{i} * elem->size);
 }
 
 /* ------------------------------------------------------------------- anys */

@@ -257,7 +257,9 @@ TcRef TypeCodeReader::read() {
     if (tc == nullptr) return nullptr;
     // Only nested TypeCodes can be named by an indirection: the top-level one
     // is complete only when there is nothing left to read.
-    if (level_ > 0) seen_.push_back(Seen{at, nodes_ - nodes_before, TypeCode_duplicate(tc.get())});
+    if (level_ > 0) {
+        seen_.push_back(Seen{at, nodes_ - nodes_before, TypeCode_duplicate(tc.get())});
+    }
     return tc;
 }
 
@@ -462,7 +464,9 @@ const Canonical& canonical_form(TypeCode known) {
     Canonical c;
     AdrBuffer* enc = adr_init_encode_buffer();
     write_typecode(enc, known);
-    if (enc->error == ADR_OK && enc->length > 4) c.bytes.assign(enc->data + 4, enc->data + enc->length);
+    if (enc->error == ADR_OK && enc->length > 4) {
+        c.bytes.assign(enc->data + 4, enc->data + enc->length);
+    }
     adr_free_buf(enc);
     measure(known, 1, &c);
     return forms->emplace(known, std::move(c)).first->second;
