@@ -26,7 +26,9 @@ namespace {
 constexpr int kKeys = 30;
 constexpr uint32_t kBigList = 16u << 20;
 
-std::string key_name(int i) { return "property_key_" + std::to_string(i); }
+std::string key_name(int i) {
+    return "property_key_" + std::to_string(i);
+}
 
 // A list of 30 string properties.
 Properties* thirty_keys() {
@@ -50,19 +52,25 @@ Properties* big_list() {
     return p;
 }
 
-// One scratch directory for the whole run, removed at exit.
+void remove_scratch();
+
+// One scratch directory for the whole run, removed at exit (the handler is
+// registered after the path is built, so it runs before the path goes).
 const std::string& scratch_file() {
     static const std::string path = [] {
         std::string pattern =
             (std::filesystem::temp_directory_path() / "fanout-bench-XXXXXX").string();
         if (mkdtemp(pattern.data()) == nullptr) abort();
-        atexit([] {
-            std::error_code ec;
-            std::filesystem::remove_all(std::filesystem::path(scratch_file()).parent_path(), ec);
-        });
         return pattern + "/list";
     }();
+    static const bool registered = (atexit(remove_scratch), true);
+    static_cast<void>(registered);
     return path;
+}
+
+void remove_scratch() {
+    std::error_code ec;
+    std::filesystem::remove_all(std::filesystem::path(scratch_file()).parent_path(), ec);
 }
 
 void BM_GetStringLastKey(benchmark::State& state) {

@@ -33,7 +33,9 @@ const std::string& scratch_path() {
     return path;
 }
 
-void remove_scratch() { unlink(scratch_path().c_str()); }
+void remove_scratch() {
+    unlink(scratch_path().c_str());
+}
 
 // Runs fn; a raise must be one of the decoder's or reader's own messages.
 template <typename Fn>

@@ -87,8 +87,7 @@ FANOUT_EXPORT void* properties_get(const Properties* p, const char* key, TypeCod
  * type. Pointers returned point into the list (or are `def`); like strchr,
  * the string getters hand back the caller's const default unqualified. */
 FANOUT_EXPORT char* properties_get_string(const Properties* p, const char* key);
-FANOUT_EXPORT char* properties_get_string2(const Properties* p, const char* key,
-                                           const char* def);
+FANOUT_EXPORT char* properties_get_string2(const Properties* p, const char* key, const char* def);
 FANOUT_EXPORT Any* properties_get_any(const Properties* p, const char* key);
 FANOUT_EXPORT Any* properties_get_any2(const Properties* p, const char* key, Any* def);
 /* The stored reference itself, not a duplicate. */
@@ -99,23 +98,17 @@ FANOUT_EXPORT int16_t properties_get_short2(const Properties* p, const char* key
 FANOUT_EXPORT int32_t properties_get_long(const Properties* p, const char* key);
 FANOUT_EXPORT int32_t properties_get_long2(const Properties* p, const char* key, int32_t def);
 FANOUT_EXPORT uint32_t properties_get_ulong(const Properties* p, const char* key);
-FANOUT_EXPORT uint32_t properties_get_ulong2(const Properties* p, const char* key,
-                                             uint32_t def);
+FANOUT_EXPORT uint32_t properties_get_ulong2(const Properties* p, const char* key, uint32_t def);
 FANOUT_EXPORT uint8_t properties_get_boolean(const Properties* p, const char* key);
-FANOUT_EXPORT uint8_t properties_get_boolean2(const Properties* p, const char* key,
-                                              uint8_t def);
-FANOUT_EXPORT Kel_Types_OctetList* properties_get_OctetList(const Properties* p,
-                                                            const char* key);
-FANOUT_EXPORT Kel_Types_OctetList* properties_get_OctetList2(const Properties* p,
-                                                             const char* key,
+FANOUT_EXPORT uint8_t properties_get_boolean2(const Properties* p, const char* key, uint8_t def);
+FANOUT_EXPORT Kel_Types_OctetList* properties_get_OctetList(const Properties* p, const char* key);
+FANOUT_EXPORT Kel_Types_OctetList* properties_get_OctetList2(const Properties* p, const char* key,
                                                              Kel_Types_OctetList* def);
 FANOUT_EXPORT Properties* properties_get_properties(const Properties* p, const char* key);
 FANOUT_EXPORT Properties* properties_get_properties2(const Properties* p, const char* key,
                                                      Properties* def);
-FANOUT_EXPORT PropertiesList* properties_get_properties_list(const Properties* p,
-                                                             const char* key);
-FANOUT_EXPORT PropertiesList* properties_get_properties_list2(const Properties* p,
-                                                              const char* key,
+FANOUT_EXPORT PropertiesList* properties_get_properties_list(const Properties* p, const char* key);
+FANOUT_EXPORT PropertiesList* properties_get_properties_list2(const Properties* p, const char* key,
                                                               PropertiesList* def);
 
 /* ------------------------------------------------------------------------ */

@@ -66,9 +66,14 @@ PalInt32 ParseTagNumber(const TagContent& content) noexcept;
 // elements leave their fields unchanged).
 void ReloadEntryFromText(DepotEntry* entry, const PalChar* text) noexcept;
 
-// Reads the entry file of `entry`, compares its id and version with the
-// record's and refreshes the record from it. True when the key matched.
-bool VerifyEntry(DepotEntry* entry) noexcept;
+// Reads the entry file of `entry` (under the entry lock), compares its id and
+// version with the record's and refreshes the record from it. True when the
+// key matched. REQUIRES: depot lock held, entry lock not held.
+bool VerifyEntry(DepotHandle* handle, DepotEntry* entry) noexcept;
+
+// DepotEntryNewFromToc; with `entryLockHeld` a failed parse frees the partial
+// record without taking the entry lock again.
+DepotEntry* ParseEntryText(DepotHandle* handle, const PalChar* text, bool entryLockHeld) noexcept;
 
 // Re-reads the counters that several registrants update (reference_count and
 // deadline), and the location, from the entry file, so that a change made by

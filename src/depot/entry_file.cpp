@@ -226,8 +226,12 @@ void ReloadEntryFromText(DepotEntry* entry, const PalChar* text) noexcept {
     Logger(3, "DepotEntryReloadFromToc_internal exit\n");
 }
 
-bool VerifyEntry(DepotEntry* entry) noexcept {
+bool VerifyEntry(DepotHandle* handle, DepotEntry* entry) noexcept {
     Logger(3, "DepotVerifyEntry_internal entry\n");
+    // Read under the entry lock, so that a rewrite by another process is never
+    // seen half done; a lock that cannot be had does not stop the check.
+    DepotLock lock(&handle->entryLock, "DepotVerifyEntry_internal error %d releasing lock\n");
+    (void)lock.Acquire();
     PalChar* text = nullptr;
     PalInt32 capacity = 0;
     ReadResult r = ReadWholeFile(entry->entryFilePath, &text, &capacity);
@@ -389,6 +393,14 @@ PalError DepotEntrySetProperties(DepotHandle* /*handle*/, DepotEntry* entry, Pal
 }
 
 DepotEntry* DepotEntryNewFromToc(DepotHandle* handle, const PalChar* text) noexcept {
+    return ParseEntryText(handle, text, false);
+}
+
+}  // extern "C"
+
+namespace fanout {
+
+DepotEntry* ParseEntryText(DepotHandle* handle, const PalChar* text, bool entryLockHeld) noexcept {
     Logger(3, "DepotEntryNewFromToc entry\n");
     if (handle == nullptr || text == nullptr) return nullptr;
     DepotEntry* entry = DepotEntryNew();
@@ -413,11 +425,12 @@ DepotEntry* DepotEntryNewFromToc(DepotHandle* handle, const PalChar* text) noexc
     if (!ok) {
         // Not in any list yet, so nobody else can reach it: when the entry lock
         // cannot be had it is freed without it rather than leaked.
-        if (FreeRecordLocked(handle, entry, false).palError != PAL_OK) FreeRecordFields(entry);
+        if (entryLockHeld || FreeRecordLocked(handle, entry, false).palError != PAL_OK)
+            FreeRecordFields(entry);
         return nullptr;
     }
     Logger(3, "DepotEntryNewFromToc exit\n");
     return entry;
 }
 
-}  // extern "C"
+}  // namespace fanout

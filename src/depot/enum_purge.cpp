@@ -93,6 +93,10 @@ DepotEntry* DepotEntryEnumNextElement(DepotEnum* enumerator) noexcept {
                err.nativeError);
         return nullptr;
     }
+    // Entry files are read under the entry lock so that none is seen half
+    // rewritten; the walk goes on without it when it cannot be had.
+    DepotLock entryLock(&handle->entryLock, "DepotEntryEnumNextElement error %d releasing lock\n");
+    (void)entryLock.Acquire();
     PalChar name[PAL_PATH_MAX + 1];
     PalChar* buffer = nullptr;
     PalInt32 capacity = 0;
@@ -111,7 +115,7 @@ DepotEntry* DepotEntryEnumNextElement(DepotEnum* enumerator) noexcept {
             PalMemoryFree(path);
             break;
         }
-        found = DepotEntryNewFromToc(handle, buffer);
+        found = ParseEntryText(handle, buffer, entryLock.held());
         if (found == nullptr) {
             Logger(1, "DepotEntryEnumNextElement null returned by DepotEntryNewFromToc\n");
             PalMemoryFree(path);
@@ -120,6 +124,7 @@ DepotEntry* DepotEntryEnumNextElement(DepotEnum* enumerator) noexcept {
         found->entryFilePath = path;  // handed over: there is no copy that can fail
     }
     PalMemoryFree(buffer);
+    entryLock.Release();
     lock.Release();
     Logger(3, "DepotEntryEnumNextElement exit\n");
     return found;

@@ -79,6 +79,10 @@ DepotEntry* ScanBucket(DepotHandle* handle, const PalChar* bucket, const PalChar
         (void)PalDirClose(dir);
         return nullptr;
     }
+    // The entry files are read under the entry lock, so that none is seen
+    // half rewritten by another process; without the lock the scan still runs.
+    DepotLock entryLock(&handle->entryLock, "DepotGetEntry_internal error %d releasing lock\n");
+    (void)entryLock.Acquire();
     PalChar name[PAL_PATH_MAX + 1];
     PalChar* buffer = nullptr;  // reused for every file of the scan
     PalInt32 capacity = 0;
@@ -101,7 +105,7 @@ DepotEntry* ScanBucket(DepotHandle* handle, const PalChar* bucket, const PalChar
         }
         if (FindTagContent(buffer, "id").Equals(id) &&
             FindTagContent(buffer, "version").Equals(version)) {
-            found = DepotEntryNewFromToc(handle, buffer);
+            found = ParseEntryText(handle, buffer, entryLock.held());
             if (found == nullptr) {
                 Logger(1, "DepotGetEntry_internal call to DepotEntryNewFromToc returned null\n");
                 PalMemoryFree(path);
@@ -113,6 +117,7 @@ DepotEntry* ScanBucket(DepotHandle* handle, const PalChar* bucket, const PalChar
         PalMemoryFree(path);
     }
     PalMemoryFree(buffer);
+    entryLock.Release();
     PalError err = PalDirClose(dir);
     if (err.palError != PAL_OK)
         Logger(1, "DepotGetEntry_internal error %d closing directory handle\n", err.palError);
@@ -203,7 +208,7 @@ DepotEntry* DepotGetEntry_internal(DepotHandle* handle, const PalChar* id, const
         auto* cached = static_cast<DepotEntry*>(
             PalList1Access(handle->entries, static_cast<PalInt32>(index)));
         if (cached != nullptr) {
-            if (VerifyEntry(cached)) {
+            if (VerifyEntry(handle, cached)) {
                 Logger(3, "DepotGetEntry_internal exit\n");
                 return cached;
             }

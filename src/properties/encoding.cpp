@@ -32,6 +32,7 @@
 #include "fanout/exception.h"
 #include "fanout/file.h"
 #include "fanout/properties.h"
+#include "runtime/prefault.h"
 
 namespace fanout {
 namespace {
@@ -66,7 +67,7 @@ using AdrPtr = std::unique_ptr<AdrBuffer, AdrFree>;
 // raise, the record is released quietly (the raise in flight is the one the
 // caller sees).
 class FileGuard {
-public:
+  public:
     explicit FileGuard(File* f) : f_(f) {}
     FileGuard(const FileGuard&) = delete;
     FileGuard& operator=(const FileGuard&) = delete;
@@ -85,7 +86,7 @@ public:
         file_delete(f);
     }
 
-private:
+  private:
     File* f_;
 };
 
@@ -144,6 +145,7 @@ void read_body(Properties* out, File* f, uint32_t header, uint32_t length) {
     uint64_t size = file_get_size(f->path);
     if (size != uint64_t{header} + length) raise_read_failed(f, length, errno);
     Bytes data(static_cast<uint8_t*>(mg_malloc(length)));
+    fanout::prefault_for_write(data.get(), length);
     errno = 0;
     if (read_bytes(f, data.get(), length) < length) raise_read_failed(f, length, errno);
     properties_decode(TC_Kel_Fanout2_Properties, data.get(), length, out);
@@ -225,6 +227,7 @@ void properties_read_without_len(Properties* out, File* f) {
     // Zero-filled, so that the unread tail of a short read is defined bytes
     // for the decoder to judge.
     Bytes data(static_cast<uint8_t*>(mg_calloc(size > 0 ? size : 1, 1)));
+    fanout::prefault_for_write(data.get(), size);
     read_bytes(f, data.get(), size);  // deliberately unchecked
     properties_decode(TC_Kel_Fanout2_Properties, data.get(), size, out);
 }

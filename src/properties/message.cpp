@@ -50,8 +50,7 @@ Message* message_from_properties(Properties* p) {
     m->priority = properties_get_short2(p, MESSAGE_PRIORITY_KEY, 3);
     m->deadline = properties_get_long2(p, MESSAGE_DEADLINE_KEY, 0);
     m->hidden = properties_get_boolean2(p, MESSAGE_HIDDEN_KEY, 0);
-    m->depot_install_method =
-        properties_get_string2(p, MESSAGE_DEPOT_INSTALL_METHOD_KEY, nullptr);
+    m->depot_install_method = properties_get_string2(p, MESSAGE_DEPOT_INSTALL_METHOD_KEY, nullptr);
     m->mandatory_date = properties_get_long2(p, MESSAGE_MANDATORY_DATE_KEY, 0);
     m->force_mandatory = properties_get_boolean2(p, MESSAGE_FORCE_MANDATORY_KEY, 1);
     m->recv_method = properties_get_string(p, MESSAGE_RECV_METHOD_KEY);
@@ -87,8 +86,7 @@ Message* message_from_properties(Properties* p) {
     m->wake_on_lan = properties_get_boolean2(p, MESSAGE_WOL_KEY, 0);
     m->mobile_setup_method = properties_get_string2(p, MESSAGE_MOBILE_SETUP_METH_KEY, nullptr);
     m->depot_image_dir = properties_get_string2(p, MESSAGE_DEPOT_IMAGE_DIR_KEY, nullptr);
-    m->result_callback_timeout =
-        properties_get_long2(p, MESSAGE_RESULT_CALLBACK_TIMEOUT_KEY, 0);
+    m->result_callback_timeout = properties_get_long2(p, MESSAGE_RESULT_CALLBACK_TIMEOUT_KEY, 0);
     m->bulk_checkpoint = properties_get_boolean2(p, MESSAGE_BULK_CHECKPOINT_KEY, 0);
     m->display_deferred = properties_get_boolean2(p, MESSAGE_DISPLAY_DEFERRED_KEY, 0);
     m->prune_successful = properties_get_boolean2(p, MESSAGE_PRUNE_SUCCESSFUL_KEY, 0);

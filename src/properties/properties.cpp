@@ -231,8 +231,7 @@ Properties* properties_get_properties2(const Properties* p, const char* key, Pro
 }
 
 PropertiesList* properties_get_properties_list(const Properties* p, const char* key) {
-    return static_cast<PropertiesList*>(
-        properties_get(p, key, TC_Kel_Fanout2_PropertiesList, 1));
+    return static_cast<PropertiesList*>(properties_get(p, key, TC_Kel_Fanout2_PropertiesList, 1));
 }
 
 PropertiesList* properties_get_properties_list2(const Properties* p, const char* key,
@@ -255,8 +254,8 @@ void properties_put(Properties* p, const char* key, TypeCode tc, void* value) {
         key_copy.release();
         return;
     }
-    auto* old = static_cast<Property*>(
-        seq_replace(p, &entry, static_cast<uint32_t>(i), sizeof(Property)));
+    auto* old =
+        static_cast<Property*>(seq_replace(p, &entry, static_cast<uint32_t>(i), sizeof(Property)));
     key_copy.release();
     kel_free_generic(old, TC_Kel_Fanout2_Property);
     mg_free(old);

@@ -19,8 +19,12 @@
 
 #include "fanout/runtime.h"
 #include "runtime/marshal_internal.h"
+#include "runtime/prefault.h"
+#include "runtime/typecode_internal.h"
 
 namespace fanout::cdr {
+
+using fanout::tc_size;
 
 bool grow(AdrBuffer* b, uint64_t extra) {
     uint64_t need = uint64_t{b->length} + extra;
@@ -33,6 +37,8 @@ bool grow(AdrBuffer* b, uint64_t extra) {
     if (cap > kMaxOutput) cap = kMaxOutput;
     b->data = static_cast<uint8_t*>(mg_realloc(b->data, static_cast<size_t>(cap)));
     b->capacity = static_cast<uint32_t>(cap);
+    // A large value (an octet list) is about to be copied in whole.
+    prefault_for_write(b->data + b->length, static_cast<size_t>(extra));
     return true;
 }
 
@@ -200,6 +206,7 @@ void decode_sequence(AdrBuffer* b, TypeCode tc, GenericSeq* s) {
         if (count > remaining(b) / width) return fail(b, ADR_ERR_BAD_LENGTH);
         size_t bytes = size_t{count} * width;
         void* block = mg_malloc(bytes);
+        prefault_for_write(block, bytes);
         std::memcpy(block, get_space(b, static_cast<uint32_t>(bytes)), bytes);
         if (width > 1 && b->swap == (std::endian::native == std::endian::big ? 1 : 0))
             swap_block(block, width, count);
@@ -235,7 +242,7 @@ void encode_any(AdrBuffer* b, const Any* a) {
     if (a->_value != nullptr) return encode_value(b, a->_type, a->_value);
     // A typed any without a value block is written as the zero value of its
     // type, so that the bytes still decode.
-    std::vector<uint8_t> zero(a->_type->size == 0 ? 1 : a->_type->size);
+    std::vector<uint8_t> zero(tc_size(a->_type) + 1);
     encode_value(b, a->_type, zero.data());
 }
 
@@ -249,7 +256,7 @@ void decode_any(AdrBuffer* b, Any* a) {
     a->_type = tc;
     if (!has_value(tc)) return;
     if (min_wire_size(tc) > remaining(b)) return fail(b, ADR_ERR_TRUNCATED);
-    a->_value = mg_calloc(1, tc->size == 0 ? 1 : tc->size);
+    a->_value = mg_calloc(1, tc_size(tc));
     decode_value(b, tc, a->_value);
 }
 

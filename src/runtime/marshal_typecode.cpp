@@ -19,6 +19,7 @@
 // at every use is limited to a multiple of its bytes. That keeps every later
 // walk over the type (layout, comparison, re-encoding) linear in the input.
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -251,14 +252,19 @@ TcRef TypeCodeReader::read() {
     if (kind == kIndirection) return read_indirection();
     uint64_t nodes_before = nodes_;
     if (!count_nodes(1)) return nullptr;
+    // Only nested TypeCodes can be named by an indirection: the top-level one
+    // is complete only when there is nothing left to read. Entries are made
+    // as reading starts, so they stay in position order.
+    bool nested = level_ > 0;
+    size_t slot = seen_.size();
+    if (nested) seen_.push_back(Seen{at, 0, nullptr});
     ++level_;
     TcRef tc = read_body(kind);
     --level_;
     if (tc == nullptr) return nullptr;
-    // Only nested TypeCodes can be named by an indirection: the top-level one
-    // is complete only when there is nothing left to read.
-    if (level_ > 0) {
-        seen_.push_back(Seen{at, nodes_ - nodes_before, TypeCode_duplicate(tc.get())});
+    if (nested) {
+        seen_[slot].nodes = nodes_ - nodes_before;
+        seen_[slot].tc = TypeCode_duplicate(tc.get());
     }
     return tc;
 }
@@ -272,12 +278,13 @@ TcRef TypeCodeReader::read_indirection() {
     uint32_t raw = 0;
     if (!get_u32(b_, &raw)) return nullptr;
     int64_t target = int64_t{from} + static_cast<int32_t>(raw);
-    for (const Seen& s : seen_) {
-        if (s.at != target) continue;
-        if (!count_nodes(s.nodes)) return nullptr;
-        return TcRef(TypeCode_duplicate(s.tc));
-    }
-    return fail_with(ADR_ERR_BAD_TYPECODE);
+    auto it = std::lower_bound(seen_.begin(), seen_.end(), target,
+                               [](const Seen& s, int64_t at) { return s.at < at; });
+    // Not a TypeCode's start, or one still being read.
+    if (it == seen_.end() || it->at != target || it->tc == nullptr)
+        return fail_with(ADR_ERR_BAD_TYPECODE);
+    if (!count_nodes(it->nodes)) return nullptr;
+    return TcRef(TypeCode_duplicate(it->tc));
 }
 
 char* TypeCodeReader::read_text() {
@@ -335,7 +342,9 @@ TcRef TypeCodeReader::read_members(TypeCodeRec* rec, bool is_struct) {
 TcRef TypeCodeReader::read_body(uint32_t kind) {
     if (TypeCode basic = tc_basic(kind); basic != nullptr && kind != FANOUT_TK_STRING)
         return TcRef(basic);
-    if (kind != FANOUT_TK_SEQUENCE) {
+    // Only a whole top-level TypeCode is matched in one piece: the parts of a
+    // nested one must be read, since a later indirection may name them.
+    if (kind != FANOUT_TK_SEQUENCE && level_ == 1) {
         if (TcRef known = read_canonical()) return known;
         if (failed(b_)) return nullptr;
     }

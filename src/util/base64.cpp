@@ -19,10 +19,8 @@
 #include <cstring>
 
 #include "fanout/palmemory.h"
+#include "runtime/prefault.h"
 
-#if defined(__linux__)
-#include <sys/mman.h>
-#endif
 
 extern "C" const PalChar Base64Digits[65] =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
@@ -82,31 +80,6 @@ uint8_t* AllocBuffer(uint64_t n) {
     return static_cast<uint8_t*>(PalMemoryCalloc(1, static_cast<PalInt32>(capacity)));
 }
 
-// Large outputs are written front to back into fresh zero pages. Faulting
-// those in one page at a time costs far more than the conversion itself, so
-// ask the kernel for huge pages and to populate the part about to be
-// written in one go. This is advice only: the block stays an ordinary heap
-// block, and a kernel that refuses changes nothing.
-void PrepareForWriting(uint8_t* block, uint64_t bytes) {
-#if defined(__linux__)
-#ifndef MADV_POPULATE_WRITE
-#define MADV_POPULATE_WRITE 23
-#endif
-    constexpr uint64_t kWorthIt = 4u << 20;
-    if (block == nullptr || bytes < kWorthIt) return;
-    const auto page = static_cast<std::uintptr_t>(4096);
-    const auto first = (reinterpret_cast<std::uintptr_t>(block) + page - 1) & ~(page - 1);
-    const auto last = (reinterpret_cast<std::uintptr_t>(block) + bytes) & ~(page - 1);
-    if (last <= first) return;
-    auto* start = reinterpret_cast<void*>(first);
-    madvise(start, last - first, MADV_HUGEPAGE);
-    madvise(start, last - first, MADV_POPULATE_WRITE);
-#else
-    (void)block;
-    (void)bytes;
-#endif
-}
-
 // One three-byte group to four digits (no padding).
 inline void EncodeRaw(uint8_t b0, uint8_t b1, uint8_t b2, char* dest) {
     const uint32_t v = (uint32_t{b0} << 16) | (uint32_t{b1} << 8) | b2;
@@ -159,7 +132,7 @@ FANOUT_EXPORT void Encode(const void* data, PalUint32 len, PalChar** out, PalUin
     // the text needs only 4/3 of it, so the zero fill terminates it.
     auto* text = reinterpret_cast<char*>(AllocBuffer(2 * uint64_t{len}));
     if (text == nullptr) return;
-    PrepareForWriting(reinterpret_cast<uint8_t*>(text), 4 * ((uint64_t{len} + 2) / 3));
+    prefault_for_write(text, 4 * ((size_t{len} + 2) / 3));
     const auto* in = static_cast<const uint8_t*>(data);
     const uint32_t whole = len / 3 * 3;
     char* dest = text;
@@ -180,7 +153,7 @@ FANOUT_EXPORT PalError Decode(const PalChar* text, PalUint32 len, PalUint8** out
     if (text == nullptr && len > 0) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 1);
     uint8_t* bytes = AllocBuffer(len);
     if (bytes == nullptr) return PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 2);
-    PrepareForWriting(bytes, uint64_t{len} / 4 * 3 + 3);
+    prefault_for_write(bytes, size_t{len} / 4 * 3 + 3);
 
     const auto* in = reinterpret_cast<const uint8_t*>(text);
     uint8_t* dest = bytes;

@@ -61,22 +61,25 @@ bool Unregister(DepotHandle* h, const std::string& key) {
     return DepotUnregisterEntry(h, e, PAL_FALSE).palError == PAL_OK;
 }
 
-// One worker process: random operations, then its tally down the pipe.
-[[noreturn]] void Worker(int index, int out) {
+// One worker process: opens the depot, says it is ready, waits for the start
+// signal, runs its random operations and sends its tally down `out`.
+[[noreturn]] void Worker(int index, int ready, int go, int out) {
     fanout_log_set_handler(nullptr, nullptr);
     fanout_log_set_level(-1);
     DepotHandle* h = nullptr;
     if (DepotNew(&h, nullptr, 0).palError != PAL_OK || h == nullptr) ::_exit(2);
     if (PalWaitSem(&h->depotLock).palError != PAL_OK) ::_exit(3);
     if (PalWaitSem(&h->entryLock).palError != PAL_OK) ::_exit(3);
+    // Nobody may start before everyone has taken back its units: a DepotNew
+    // in another process lends the lock an extra unit for a moment.
+    char c = 'r';
+    if (::write(ready, &c, 1) != 1 || ::read(go, &c, 1) != 1) ::_exit(5);
     std::mt19937 rng(1000u + static_cast<unsigned>(index));
     Tally tally;
     for (int i = 0; i < kOperations; ++i) {
         int k = static_cast<int>(rng() % kKeys);
         std::string key = KeyName(k);
         unsigned op = rng() % 20;
-        int c0 = tally.completions[k], u0 = tally.unregistrations[k];
-        struct timespec ts0; clock_gettime(CLOCK_MONOTONIC, &ts0);
         if (op < 8) {
             if (AddWriteComplete(h, key)) ++tally.completions[k];
         } else if (op < 13) {
@@ -87,14 +90,6 @@ bool Unregister(DepotHandle* h, const std::string& key) {
         } else {
             DepotPurgeExpiredEntries(h);
         }
-        if (true) {
-            struct timespec ts; clock_gettime(CLOCK_MONOTONIC, &ts);
-            std::string cnt = "-";
-            for (const auto& n : ListDir("depot")) { std::string t = ReadFile("depot/" + n); if (t.find("<id>" + key + "<") != std::string::npos) { auto a = t.find("<reference_count>"); cnt += n + ":" + t.substr(a + 17, 2) + "/" + t.substr(t.find("<state>")+7,1) + " "; } }
-            fprintf(stderr, "CNT %s\n", cnt.c_str());
-            fprintf(stderr, "TRACE %ld.%09ld-%ld.%09ld k%02d p%d op%u c%d u%d %s\n", (long)ts0.tv_sec, ts0.tv_nsec, (long)ts.tv_sec, ts.tv_nsec, k, index, op,
-                    tally.completions[k] - c0, tally.unregistrations[k] - u0, cnt.c_str());
-        }
     }
     ssize_t n = ::write(out, &tally, sizeof tally);
     ::_exit(n == static_cast<ssize_t>(sizeof tally) ? 0 : 4);
@@ -104,15 +99,30 @@ class DepotMultiProcess : public DepotTest {};
 
 TEST_F(DepotMultiProcess, RandomOperationsKeepFilesAndCountsConsistent) {
     ASSERT_EQ(::mkdir("depot", 0700), 0);
+    // The semaphores exist, free, before the workers start, so that none of
+    // them races another to create and initialise a set.
+    for (const char* f : {"depot.lk", "entry.lk"}) {
+        WriteFile(f, "");
+        PalSemHandle sem{};
+        ASSERT_EQ(PalInitSem(&sem, f).palError, PAL_OK);
+        PalCloseSem(&sem);
+    }
+    int ready[2], go[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    ASSERT_EQ(::pipe(go), 0);
     int fds[kProcesses][2];
     pid_t pids[kProcesses];
     for (int p = 0; p < kProcesses; ++p) {
         ASSERT_EQ(::pipe(fds[p]), 0);
         pids[p] = ::fork();
         ASSERT_GE(pids[p], 0);
-        if (pids[p] == 0) Worker(p, fds[p][1]);
+        if (pids[p] == 0) Worker(p, ready[1], go[0], fds[p][1]);
         ::close(fds[p][1]);
     }
+    char c = 0;
+    for (int p = 0; p < kProcesses; ++p) ASSERT_EQ(::read(ready[0], &c, 1), 1);
+    for (int p = 0; p < kProcesses; ++p) ASSERT_EQ(::write(go[1], "g", 1), 1);
+    for (int fd : {ready[0], ready[1], go[0], go[1]}) ::close(fd);
     Tally total;
     for (int p = 0; p < kProcesses; ++p) {
         Tally t;

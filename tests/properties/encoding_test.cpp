@@ -62,7 +62,7 @@ const Layout kLayouts[] = {
 };
 
 class PropertiesFile : public ::testing::TestWithParam<Layout> {
-protected:
+  protected:
     TempDir dir;
     std::string path = dir.file("list");
 
@@ -84,9 +84,9 @@ TEST_P(PropertiesFile, EveryValueTypeRoundTrips) {
     EXPECT_EQ(zel_generic_equal(TC_Kel_Fanout2_Properties, &env, t.list.get(), back.get()), 1);
     EXPECT_EQ(env._major, 0);
     EXPECT_EQ(properties_get_short(back.get(), "short"), -2);
-    EXPECT_STREQ(properties_get_string(properties_get_properties(back.get(), "properties"),
-                                       "nested"),
-                 "yes");
+    EXPECT_STREQ(
+        properties_get_string(properties_get_properties(back.get(), "properties"), "nested"),
+        "yes");
 }
 
 TEST_P(PropertiesFile, HeaderAndLengthMatchTheMarshalledBytes) {
@@ -208,8 +208,7 @@ TEST(PropertiesFileChecks, EmptyBareFileIsTheDecodersVerdict) {
     std::string path = dir.file("empty");
     write_file(path, Bytes{});
     ScopedList out;
-    EXPECT_EQ(raised_by([&] { properties_load_without_len(out.get(), path.c_str()); }).number,
-              35);
+    EXPECT_EQ(raised_by([&] { properties_load_without_len(out.get(), path.c_str()); }).number, 35);
     EXPECT_EQ(raised_by([&] { properties_load(out.get(), dir.file("absent").c_str()); }).number,
               11);
 }

@@ -236,12 +236,9 @@ TEST(MessageRecord, MalformedMessagesRaiseInReadOrder) {
         const char* reported;
     };
     const Case cases[] = {
-        {"type", false, 36, "type"},
-        {"recv_meth", false, 36, "recv_meth"},
-        {"size", true, 37, "size"},
-        {"args", true, 37, "args"},
-        {"pri", true, 37, "pri"},
-        {"cntl_target_oid", true, 37, "cntl_target_oid"},
+        {"type", false, 36, "type"}, {"recv_meth", false, 36, "recv_meth"},
+        {"size", true, 37, "size"},  {"args", true, 37, "args"},
+        {"pri", true, 37, "pri"},    {"cntl_target_oid", true, 37, "cntl_target_oid"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.key);

@@ -1,6 +1,6 @@
 // support.h - helpers shared by the property-list tests: a temporary
-// directory per test, the module's one-time start-up, and catching the
-// catalogue exception a call raises.
+// directory, catching the catalogue exception a call raises, a list freed at
+// the end of scope, and one list holding every value type.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -21,16 +21,13 @@ namespace proptest {
 // Registers the module's types once, before any test marshals a value.
 inline const bool kInitialised = (fanout_init(), true);
 
-// A fresh directory under the system's temporary directory, removed with
-// everything in it at the end of the scope.
+// A fresh directory, removed with everything in it at the end of scope.
 class TempDir {
-public:
+  public:
     TempDir() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "fanout-props-XXXXXX");
-        std::vector<char> buf(pattern.begin(), pattern.end());
-        buf.push_back('\0');
-        if (mkdtemp(buf.data()) == nullptr) ADD_FAILURE() << "mkdtemp failed";
-        path_ = buf.data();
+        std::string pattern = std::filesystem::temp_directory_path() / "fanout-props-XXXXXX";
+        if (mkdtemp(pattern.data()) == nullptr) ADD_FAILURE() << "mkdtemp failed";
+        path_ = pattern;
     }
     ~TempDir() {
         std::error_code ec;
@@ -40,12 +37,11 @@ public:
     TempDir& operator=(const TempDir&) = delete;
     std::string file(const std::string& name) const { return path_ + "/" + name; }
 
-private:
+  private:
     std::string path_;
 };
 
-// What a call raised: the catalogue number (0 when nothing was raised) and
-// the arguments.
+// What a call raised: the catalogue number (0 for nothing) and arguments.
 struct Raised {
     int32_t number = 0;
     std::vector<std::string> args;
@@ -73,22 +69,22 @@ struct ScopedList {
 };
 
 // One list holding each of the ten value types under the key of its name.
+// The values put are stack copies, so a `_dup` that kept the caller's
+// block would leave dangling pointers for the sanitizers to find.
 struct AllTypes {
     ScopedList list;
-    Kel_Types_OctetList octets{};
     Properties inner{};
-    PropertiesList inner_list{};
-    int32_t any_value = 77;
     Object obj = nullptr;
 
     AllTypes() {
         uint8_t bytes[] = {1, 2, 3};
-        octets = {3, 3, bytes};
-        properties_put_string_dup(&inner, "nested", "yes");
-        seq_add(&inner_list, &inner, sizeof(Properties));  // shares inner's entries
-        ObjectProfile profile{0, {3, 3, bytes}};
-        obj = Object_new("IDL:Kel_Fanout2/Repeater:1.0", &profile, 1);
+        Kel_Types_OctetList octets{3, 3, bytes};
+        int32_t any_value = 77;
         Any any{TC_long, &any_value};
+        properties_put_string_dup(&inner, "nested", "yes");
+        PropertiesList inner_list{1, 1, &inner};  // borrows inner
+        ObjectProfile profile{0, octets};
+        obj = Object_new("IDL:Kel_Fanout2/Repeater:1.0", &profile, 1);
         Properties* p = list.get();
         properties_put_string_dup(p, "string", "text");
         properties_put_any_dup(p, "any", &any);
@@ -100,10 +96,8 @@ struct AllTypes {
         properties_put_OctetList_dup(p, "OctetList", &octets);
         properties_put_properties_dup(p, "properties", &inner);
         properties_put_properties_list_dup(p, "properties_list", &inner_list);
-        octets.buffer = nullptr;  // was the stack array
     }
     ~AllTypes() {
-        seq_free_buffer(&inner_list);
         kel_free_generic(&inner, TC_Kel_Fanout2_Properties);
         Object_release(obj);
     }

@@ -1,11 +1,6 @@
-/* expect_raise.h - checks that a call raises one catalogue message.
- *
- * EXPECT_RAISES(call, number, {args...}) runs the call, expects a
- * fanout::Exception from the service catalogue with that message number
- * and exactly those arguments (as the strings the record carries).
- */
-#ifndef FANOUT_TESTS_UTIL_EXPECT_RAISE_H
-#define FANOUT_TESTS_UTIL_EXPECT_RAISE_H
+/* expect_raise.h - EXPECT_RAISES(call, number, {args...}) expects the call to raise the
+ * service catalogue's message number with exactly those arguments (as the record's strings). */
+#pragma once
 
 #include <gtest/gtest.h>
 
@@ -15,33 +10,18 @@
 #include "fanout/catalog.h"
 #include "fanout/exception.h"
 
-namespace fanout_test {
-
-inline void check_raised(const fanout::Exception& e, int32_t number,
-                         const std::vector<std::string>& args)
-{
-    EXPECT_EQ(e.number(), number);
-    ASSERT_NE(e.catalog(), nullptr);
-    EXPECT_STREQ(e.catalog(), Fanout2Catalog[0]);
-    ASSERT_EQ(e.argument_count(), args.size()) << e.what();
-    for (uint32_t i = 0; i < args.size(); ++i) {
-        ASSERT_NE(e.argument(i), nullptr);
-        EXPECT_EQ(args[i], e.argument(i)) << "argument " << i;
-    }
-}
-
-}  // namespace fanout_test
-
-#define EXPECT_RAISES(call, number, ...)                                          \
-    do {                                                                          \
-        bool raised_ = false;                                                     \
-        try {                                                                     \
-            call;                                                                 \
-        } catch (const fanout::Exception& e_) {                                   \
-            raised_ = true;                                                       \
-            fanout_test::check_raised(e_, number, std::vector<std::string> __VA_ARGS__); \
-        }                                                                         \
-        EXPECT_TRUE(raised_) << #call " did not raise";                           \
+#define EXPECT_RAISES(call, msg_, ...)                                                    \
+    do {                                                                                  \
+        try {                                                                             \
+            call;                                                                         \
+            ADD_FAILURE() << #call " did not raise";                                      \
+        } catch (const fanout::Exception& e_) {                                           \
+            const std::vector<std::string> args_ __VA_ARGS__;                             \
+            EXPECT_EQ(e_.number(), msg_);                                                 \
+            EXPECT_STREQ(e_.catalog(), Fanout2Catalog[0]);                                \
+            EXPECT_EQ(e_.argument_count(), args_.size()) << e_.what();                    \
+            for (uint32_t i_ = 0; i_ < args_.size() && i_ < e_.argument_count(); ++i_) { \
+                EXPECT_STREQ(e_.argument(i_), args_[i_].c_str()) << "argument " << i_;    \
+            }                                                                             \
+        }                                                                                 \
     } while (0)
-
-#endif /* FANOUT_TESTS_UTIL_EXPECT_RAISE_H */
