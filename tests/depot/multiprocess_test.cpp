@@ -157,15 +157,8 @@ TEST_F(DepotMultiProcess, RandomOperationsKeepFilesAndCountsConsistent) {
         int expected = total.completions[k] - total.unregistrations[k];
         DepotEntry* e = DepotGetEntry(handle_, KeyName(k).c_str(), "1");
         EXPECT_EQ(e != nullptr ? e->referenceCount : 0, expected)
-            << (e != nullptr ? e->entryFilePath : "") << " " << ReadFile(e ? e->entryFilePath : "")
-            << [&] {
-                   std::string all;
-                   for (const auto& n : names)
-                       if (ReadFile("depot/" + n).find("<id>" + KeyName(k) + "<") != std::string::npos)
-                           all += " " + n;
-                   return all;
-               }()
-            << " comp " << total.completions[k] << " unreg " << total.unregistrations[k];
+            << "completions " << total.completions[k] << ", unregistrations "
+            << total.unregistrations[k];
     }
 }
 

@@ -37,11 +37,9 @@ TEST(PalPath, ClassifiesLocalisesAndCutsPrefixes) {
 
 TEST(PalPath, NameAndParent) {
     const std::tuple<const char*, const char*, const char*> cases[] = {
-        {"dir/file", "file", "dir"},
-        {"file", "Failure", "file"},  // no separator
-        {"a/b\\c", "c", "a/b"},       // the later separator wins, whatever its kind
-        {"a\\b/c", "c", "a\\b"},
-        {"dir/", "", "dir"},
+        {"dir/file", "file", "dir"}, {"file", "Failure", "file"},  // no separator
+        {"a/b\\c", "c", "a/b"},  // the later separator wins, whatever its kind
+        {"a\\b/c", "c", "a\\b"},     {"dir/", "", "dir"},
     };
     char buf[64];
     for (auto [path, name, parent] : cases) {

@@ -1,12 +1,12 @@
 // Tests of the byte and file encodings of property lists: round trips of
 // every value type through the three file layouts, the files' bytes, and
-// hostile files (truncations, extra bytes, wrong length and version words,
-// random bytes), each of which must raise 19 or 35 without leaking.
+// hostile files (every truncation, an extra byte, wrong length and version
+// words, random bytes), each of which raises 19 or 35 without leaking.
 #include "fanout/properties.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cstring>
 #include <fstream>
@@ -22,7 +22,6 @@ namespace {
 using proptest::AllTypes;
 using proptest::raised_by;
 using proptest::ScopedList;
-using proptest::TempDir;
 using Bytes = std::vector<uint8_t>;
 
 Bytes read_file(const std::string& path) {
@@ -30,8 +29,8 @@ Bytes read_file(const std::string& path) {
     return Bytes(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-void write_file(const std::string& path, const Bytes& bytes) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+void write_file(const std::string& path, const Bytes& bytes, bool append = false) {
+    std::ofstream out(path, std::ios::binary | (append ? std::ios::app : std::ios::trunc));
     out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<long>(bytes.size()));
 }
 
@@ -42,10 +41,6 @@ Bytes encoded(const Properties* p) {
     Bytes bytes(static_cast<uint8_t*>(data), static_cast<uint8_t*>(data) + len);
     mg_free(data);
     return bytes;
-}
-
-uint32_t big_endian(const Bytes& b, size_t at) {
-    return uint32_t{b[at]} << 24 | uint32_t{b[at + 1]} << 16 | uint32_t{b[at + 2]} << 8 | b[at + 3];
 }
 
 struct Layout {
@@ -61,182 +56,152 @@ const Layout kLayouts[] = {
     {"bare", properties_save_without_len, properties_load_without_len, 0},
 };
 
-class PropertiesFile : public ::testing::TestWithParam<Layout> {
-  protected:
-    TempDir dir;
-    std::string path = dir.file("list");
-
-    // Loads `bytes` written as a file; returns the number raised (0 for
-    // none). A partly decoded list is freed, as callers must.
-    proptest::Raised load_bytes(const Bytes& bytes) {
-        write_file(path, bytes);
-        ScopedList out;
-        return raised_by([&] { GetParam().load(out.get(), path.c_str()); });
-    }
-};
-
-TEST_P(PropertiesFile, EveryValueTypeRoundTrips) {
-    AllTypes t;
-    GetParam().save(t.list.get(), path.c_str());
-    ScopedList back;
-    GetParam().load(back.get(), path.c_str());
-    Environment env{};
-    EXPECT_EQ(zel_generic_equal(TC_Kel_Fanout2_Properties, &env, t.list.get(), back.get()), 1);
-    EXPECT_EQ(env._major, 0);
-    EXPECT_EQ(properties_get_short(back.get(), "short"), -2);
-    EXPECT_STREQ(
-        properties_get_string(properties_get_properties(back.get(), "properties"), "nested"),
-        "yes");
+// A file of `layout` around `body`, with the given length and version words:
+// plain is the length in host order, improved the version and the length
+// big-endian, bare the body alone.
+Bytes framed(const Layout& layout, const Bytes& body, uint32_t len, uint32_t version = 1) {
+    uint32_t words[2] = {htonl(version), htonl(len)};
+    if (layout.header == 4) words[1] = len;
+    const auto* w = reinterpret_cast<const uint8_t*>(words);
+    Bytes file(w + 8 - layout.header, w + 8);
+    file.insert(file.end(), body.begin(), body.end());
+    return file;
 }
 
-TEST_P(PropertiesFile, HeaderAndLengthMatchTheMarshalledBytes) {
+class PropertiesFile : public ::testing::TestWithParam<Layout> {
+  protected:
+    proptest::TempDir dir;
+    std::string path = dir.file("list");
+};
+
+TEST_P(PropertiesFile, EveryValueTypeAndTheEmptyListRoundTrip) {
+    AllTypes t;
+    ScopedList empty;
+    for (Properties* p : {t.list.get(), empty.get()}) {
+        GetParam().save(p, path.c_str());
+        ScopedList back;
+        GetParam().load(back.get(), path.c_str());
+        Environment env{};
+        EXPECT_EQ(zel_generic_equal(TC_Kel_Fanout2_Properties, &env, p, back.get()), 1);
+    }
+    ScopedList back;
+    GetParam().save(t.list.get(), path.c_str());
+    GetParam().load(back.get(), path.c_str());
+    Properties* b = back.get();
+    EXPECT_EQ(properties_get_short(b, "short"), -2);  // sign-extended
+    EXPECT_EQ(properties_get_ulong(b, "ulong"), 4000000000u);
+    EXPECT_EQ(properties_get_boolean(b, "boolean"), 1);
+    EXPECT_EQ(*static_cast<int32_t*>(properties_get_any(b, "any")->_value), 77);
+    EXPECT_EQ(properties_get_OctetList(b, "OctetList")->buffer[2], 3);
+    EXPECT_STREQ(Object_type_id(properties_get_object(b, "object")),
+                 "IDL:Kel_Fanout2/Repeater:1.0");
+    PropertiesList* pl = properties_get_properties_list(b, "properties_list");
+    ASSERT_EQ(pl->length, 1u);
+    EXPECT_STREQ(properties_get_string(&pl->buffer[0], "nested"), "yes");
+}
+
+// Saving over a longer file truncates it; a new file is private to its owner.
+TEST_P(PropertiesFile, FileHoldsTheHeaderAndTheMarshalledBytes) {
     AllTypes t;
     GetParam().save(t.list.get(), path.c_str());
-    Bytes file = read_file(path);
-    Bytes body = encoded(t.list.get());
-    ASSERT_EQ(file.size(), GetParam().header + body.size());
-    EXPECT_TRUE(std::equal(body.begin(), body.end(), file.begin() + GetParam().header));
-    if (GetParam().header == 4) {
-        uint32_t n = 0;
-        std::memcpy(&n, file.data(), 4);  // host order
-        EXPECT_EQ(n, body.size());
-        EXPECT_EQ(file[0], body.size() & 0xff);  // low byte first on this host
-    } else if (GetParam().header == 8) {
-        EXPECT_EQ(big_endian(file, 0), 1u);
-        EXPECT_EQ(big_endian(file, 4), body.size());
-    }
     struct stat st {};
     ASSERT_EQ(stat(path.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0600u);
-}
-
-TEST_P(PropertiesFile, SaveTruncatesALongerFileAndEmptyListRoundTrips) {
-    write_file(path, Bytes(1000, 0xAB));
-    Properties empty{};
-    GetParam().save(&empty, path.c_str());
-    EXPECT_EQ(read_file(path).size(), GetParam().header + encoded(&empty).size());
-    ScopedList back;
-    GetParam().load(back.get(), path.c_str());
-    EXPECT_EQ(back.get()->length, 0u);
-}
-
-TEST_P(PropertiesFile, EveryTruncationRaises) {
-    AllTypes t;
+    write_file(path, Bytes(100, 0xAB), true);
     GetParam().save(t.list.get(), path.c_str());
-    size_t size = read_file(path).size();
-    // Cut from the end, one byte at a time, in place.
-    for (size_t n = size; n-- > 0;) {
-        ASSERT_EQ(truncate(path.c_str(), static_cast<off_t>(n)), 0);
-        ScopedList out;
-        auto r = raised_by([&] { GetParam().load(out.get(), path.c_str()); });
-        // The checked layouts notice before decoding; the bare one leaves it
-        // to the decoder.
-        EXPECT_EQ(r.number, GetParam().header > 0 ? 19 : 35) << "cut at " << n;
-    }
+    Bytes body = encoded(t.list.get());
+    Bytes file = read_file(path);
+    EXPECT_EQ(file, framed(GetParam(), body, static_cast<uint32_t>(body.size())));
+    ASSERT_GT(file.size(), 4u);
+    if (GetParam().header == 8) EXPECT_EQ(Bytes(file.begin(), file.begin() + 4), (Bytes{0, 0, 0, 1}));
+    if (GetParam().header == 4) EXPECT_EQ(file[0], body.size() & 0xff);  // little-endian host
 }
 
-TEST_P(PropertiesFile, RandomBytesRaise) {
+struct Hostile {
+    std::string what;
+    Bytes bytes;
+    int32_t number;  // 0: loads
+    int64_t count;   // the byte count message 19 reports; -1 when not 19
+};
+
+// Damaged forms of `good`, a valid file of `layout`, with what loading each
+// must raise.
+std::vector<Hostile> hostile_files(const Layout& layout, const Bytes& good) {
+    const size_t h = layout.header;
+    const uint32_t n = static_cast<uint32_t>(good.size() - h);
+    const Bytes body(good.begin() + static_cast<long>(h), good.end());
+    std::vector<Hostile> cases;
+    for (size_t cut = 0; cut < good.size(); ++cut) {
+        // A short read of the length word reports the word as it stands (in
+        // host order); while the version word is read it is still 0.
+        int64_t count = h == 0 ? -1 : n;
+        if (h > 0 && cut < h) {
+            uint32_t word = 0;
+            if (cut > h - 4) std::memcpy(&word, good.data() + h - 4, cut - (h - 4));
+            count = word;
+        }
+        cases.push_back({"cut at " + std::to_string(cut),
+                         Bytes(good.begin(), good.begin() + static_cast<long>(cut)),
+                         h > 0 ? 19 : 35, count});
+    }
+    Bytes longer = good;
+    longer.push_back(0);
+    cases.push_back({"one byte added", longer, h > 0 ? 19 : 35, h > 0 ? n : -1});
+    if (h > 0) {
+        cases.push_back({"length one less", framed(layout, body, n - 1), 19, n - 1});
+        cases.push_back({"length one more", framed(layout, body, n + 1), 19, n + 1});
+    }
+    if (h == 8) {  // the version word is deliberately not checked
+        cases.push_back({"version 0", framed(layout, body, n, 0), 0, -1});
+        cases.push_back({"version 2", framed(layout, body, n, 2), 0, -1});
+    }
+    // Random bodies with a correct length reach the decoder.
     std::mt19937 rng(12345);
     for (int round = 0; round < 50; ++round) {
-        Bytes bytes(1 + rng() % 64);
-        for (uint8_t& b : bytes) b = static_cast<uint8_t>(rng());
-        auto r = load_bytes(bytes);
-        EXPECT_TRUE(r.number == 19 || r.number == 35) << round << ": " << r.number;
+        Bytes junk(1 + rng() % 64);
+        for (uint8_t& b : junk) b = static_cast<uint8_t>(rng());
+        cases.push_back({"random " + std::to_string(round),
+                         framed(layout, junk, static_cast<uint32_t>(junk.size())), 35, -1});
     }
+    return cases;
+}
+
+TEST_P(PropertiesFile, HostileFilesRaise) {
+    AllTypes t;
+    GetParam().save(t.list.get(), path.c_str());
+    for (const Hostile& c : hostile_files(GetParam(), read_file(path))) {
+        SCOPED_TRACE(c.what);
+        write_file(path, c.bytes);
+        ScopedList out;  // a partly decoded list is the caller's to free
+        auto r = raised_by([&] { GetParam().load(out.get(), path.c_str()); });
+        EXPECT_EQ(r.number, c.number);
+        if (c.number == 19) {
+            EXPECT_EQ(r.args, (std::vector<std::string>{path, std::to_string(c.count), "0"}));
+        } else if (c.number == 35) {
+            ASSERT_EQ(r.args.size(), 1u);
+            EXPECT_NE(r.args[0], "0");  // the decoder's error code
+        }
+    }
+    ScopedList out;
+    auto absent = dir.file("absent");
+    EXPECT_EQ(raised_by([&] { GetParam().load(out.get(), absent.c_str()); }).number, 11);
 }
 
 INSTANTIATE_TEST_SUITE_P(Layouts, PropertiesFile, ::testing::ValuesIn(kLayouts),
                          [](const auto& info) { return std::string(info.param.name); });
 
-// The checked layouts: one byte too many, or a length word one off either
-// way, is a size mismatch (19); the improved layout's version is not tested.
-TEST(PropertiesFileChecks, SizeMismatchesRaiseAndVersionIsNotTested) {
-    TempDir dir;
-    std::string path = dir.file("list");
-    AllTypes t;
-    for (const Layout& layout : {kLayouts[0], kLayouts[1]}) {
-        SCOPED_TRACE(layout.name);
-        layout.save(t.list.get(), path.c_str());
-        const Bytes good = read_file(path);
-        size_t len_at = layout.header - 4;
-        auto raised_for = [&](Bytes bytes) {
-            write_file(path, bytes);
-            ScopedList out;
-            return raised_by([&] { layout.load(out.get(), path.c_str()); });
-        };
-        Bytes longer = good;
-        longer.push_back(0);
-        EXPECT_EQ(raised_for(longer).number, 19);
-        for (int delta : {-1, 1}) {
-            Bytes off = good;
-            off[len_at + (layout.header == 4 ? 0 : 3)] += static_cast<uint8_t>(delta);
-            auto r = raised_for(off);
-            EXPECT_EQ(r.number, 19);
-            ASSERT_EQ(r.args.size(), 3u);
-            EXPECT_EQ(r.args[0], path);
-            EXPECT_EQ(r.args[1], std::to_string(good.size() - layout.header + delta));
-        }
-        if (layout.header == 8) {
-            for (uint8_t version : {0, 2}) {
-                Bytes other = good;
-                other[3] = version;
-                EXPECT_EQ(raised_for(other).number, 0) << int{version};
-            }
-        }
-    }
-}
-
-// A 3-byte file fails the first 4-byte read. The count reported is the
-// length word as it stands: still 0 while the improved reader reads its
-// version, the partly read word itself for the plain reader.
-TEST(PropertiesFileChecks, ShortHeaderReportsTheLengthAsItStands) {
-    TempDir dir;
-    std::string path = dir.file("short");
-    write_file(path, Bytes{0, 0, 0});
-    ScopedList out;
-    auto improved = raised_by([&] { properties_load_improved(out.get(), path.c_str()); });
-    EXPECT_EQ(improved.number, 19);
-    EXPECT_EQ(improved.args, (std::vector<std::string>{path, "0", "0"}));
-    write_file(path, Bytes{7, 1, 0});
-    auto plain = raised_by([&] { properties_load(out.get(), path.c_str()); });
-    EXPECT_EQ(plain.number, 19);
-    EXPECT_EQ(plain.args, (std::vector<std::string>{path, "263", "0"}));
-}
-
-TEST(PropertiesFileChecks, EmptyBareFileIsTheDecodersVerdict) {
-    TempDir dir;
-    std::string path = dir.file("empty");
-    write_file(path, Bytes{});
-    ScopedList out;
-    EXPECT_EQ(raised_by([&] { properties_load_without_len(out.get(), path.c_str()); }).number, 35);
-    EXPECT_EQ(raised_by([&] { properties_load(out.get(), dir.file("absent").c_str()); }).number,
-              11);
-}
-
-TEST(PropertiesBytes, EncodeAndDecodeFailuresRaiseWithTheMarshallerCode) {
-    // A type code the marshaller cannot walk.
+// A type code the marshaller cannot walk: 34, and the out parameters stay.
+TEST(PropertiesBytes, EncodeFailureRaisesAndLeavesTheOutputs) {
     TypeCodeRec bogus{};
     bogus.kind = 99;
-    bogus.repo_id = "";
-    bogus.name = "bogus";
-    bogus.reg_name = "bogus";
-    bogus.size = 4;
-    bogus.align = 4;
+    bogus.repo_id = bogus.name = bogus.reg_name = "bogus";
+    bogus.size = bogus.align = 4;
     int32_t value = 0;
     void* data = &value;
     uint32_t len = 12345;
-    auto r = raised_by([&] { properties_encode(&bogus, &value, &data, &len); });
-    EXPECT_EQ(r.number, 34);
-    EXPECT_EQ(data, &value);  // out parameters untouched
+    EXPECT_EQ(raised_by([&] { properties_encode(&bogus, &value, &data, &len); }).number, 34);
+    EXPECT_EQ(data, &value);
     EXPECT_EQ(len, 12345u);
-
-    const uint8_t junk[] = {0xff, 0xff, 0xff, 0xff, 0};
-    Properties out{};
-    auto d = raised_by([&] { properties_decode(TC_Kel_Fanout2_Properties, junk, 5, &out); });
-    EXPECT_EQ(d.number, 35);
-    ASSERT_EQ(d.args.size(), 1u);
-    EXPECT_NE(d.args[0], "0");
-    kel_free_generic(&out, TC_Kel_Fanout2_Properties);
 }
 
 }  // namespace

@@ -14,9 +14,12 @@
 #include <omniORB4/cdrStream.h>
 
 #include <cstring>
+#include <fstream>
+#include <unistd.h>
 #include <string>
 
 #include "fanout/runtime.h"
+#include "fanout/properties.h"
 #include "fanout/types.h"
 #include "fanout2.hh"
 
@@ -351,6 +354,54 @@ TEST(Interop, WhatTheOrbWritesBigEndianDecodesInOurs) {
         if (key == "list") EXPECT_EQ(tc, TC_Kel_Fanout2_PropertiesList);
         if (key == "octets") EXPECT_EQ(tc, TC_Kel_Types_OctetList);
     }
+    kel_free_generic(&ours, TC_Kel_Fanout2_Properties);
+}
+
+// Property-list files in the bare layout are the marshalled list and nothing
+// else, so the ORB reads ours and we load the ORB's.
+struct TempFile {
+    std::string dir, path;
+    TempFile() {
+        char tmpl[] = "/tmp/fanout-interop-XXXXXX";
+        dir = mkdtemp(tmpl);
+        path = dir + "/list.toc";
+    }
+    ~TempFile() {
+        unlink(path.c_str());
+        rmdir(dir.c_str());
+    }
+};
+
+TEST(Interop, OurBareLayoutFileReadsInTheOrb) {
+    orb();
+    fanout_init();
+    TempFile f;
+    Properties ours = our_list();
+    properties_save_without_len(&ours, f.path.c_str());
+    std::ifstream file(f.path, std::ios::binary);
+    std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    cdrMemoryStream in(bytes.data(), bytes.size());
+    in.setByteSwapFlag(0);
+    Kel_Fanout2::Properties theirs;
+    theirs <<= in;
+    EXPECT_EQ(dump(theirs), dump_ours(ours));
+    EXPECT_EQ(in.currentInputPtr(), bytes.size());
+    kel_free_generic(&ours, TC_Kel_Fanout2_Properties);
+}
+
+TEST(Interop, TheOrbsFileLoadsWithoutLength) {
+    orb();
+    fanout_init();
+    TempFile f;
+    Kel_Fanout2::Properties theirs = orb_list();
+    cdrMemoryStream out;
+    out.setByteSwapFlag(0);
+    theirs >>= out;
+    std::ofstream(f.path, std::ios::binary)
+        .write(static_cast<const char*>(out.bufPtr()), static_cast<std::streamsize>(out.bufSize()));
+    Properties ours{};
+    properties_load_without_len(&ours, f.path.c_str());
+    EXPECT_EQ(dump_ours(ours), dump(theirs));
     kel_free_generic(&ours, TC_Kel_Fanout2_Properties);
 }
 
