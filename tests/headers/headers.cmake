@@ -26,3 +26,7 @@ if(FANOUT_PKG_CONFIG AND NOT FANOUT_SANITIZE)
                    sh ${CMAKE_CURRENT_SOURCE_DIR}/install/install_test.sh
                    ${PROJECT_BINARY_DIR} ${CMAKE_CURRENT_SOURCE_DIR}/install/consumer.c)
 endif()
+
+# The shared library exports the interface and hides its internals.
+add_test(NAME install.exported_symbols
+         COMMAND sh ${CMAKE_CURRENT_SOURCE_DIR}/install/symbols_test.sh $<TARGET_FILE:fanout>)
