@@ -197,20 +197,27 @@ FANOUT_EXPORT PalError DepotEntryChangeState(DepotHandle* handle, DepotEntry* en
 
 /* Marks the entry complete: state 1, deadline raised to `deadline` when that
  * is later, one more reference; saves it, then releases the record
- * (DepotFreeEntry): the caller must not use `entry` afterwards. Returns the
- * save status. */
+ * (DepotFreeEntry): the caller must not use `entry` afterwards. The count and
+ * deadline are re-read from the entry file first, so completions in other
+ * processes add up. Returns the save status, or PAL_ERR_NO_ENTRY (nothing
+ * written) when the entry was deleted meanwhile. */
 FANOUT_EXPORT PalError DepotCompleteEntry(DepotHandle* handle, DepotEntry* entry,
                                           PalInt32 deadline) FANOUT_NOEXCEPT;
 
-/* Drops one reference. With references left the state goes back to 1 and
- * the record is released; at none (or with `force`... see DepotRemoveEntry)
- * the entry's files are deleted. The record is released in every case except
- * a lock failure. Returns the lock error, the removal status, or PAL_OK. */
+/* Drops one reference (re-read from the entry file first). With references
+ * left the state goes back to 1, and the entry file is rewritten only when the
+ * state changes (so a decrement of an entry already in state 1 stays in the
+ * record only; callers mark the entry in use, state 2, before unregistering).
+ * At no references the entry's files are deleted as by DepotRemoveEntry with
+ * `force`. The record is released in every case except a lock failure: the
+ * caller must not use `entry` afterwards. Returns the lock error, the removal
+ * status, PAL_ERR_NO_ENTRY when the entry was deleted meanwhile, or PAL_OK. */
 FANOUT_EXPORT PalError DepotUnregisterEntry(DepotHandle* handle, DepotEntry* entry,
                                             PalBool force) FANOUT_NOEXCEPT;
 
-/* When the entry has no references, or `force` is set, deletes its data file
- * and then, only once the data file is gone, its entry file; releases the
+/* When the entry has no references (as its entry file says now), or `force`
+ * is set, deletes its data file and then, only once the data file is gone, its
+ * entry file; a path that now holds another key is left alone. Releases the
  * record either way (unless the entry lock cannot be taken). Returns the
  * status of the last deletion attempted, PAL_OK when none, or a lock error. */
 FANOUT_EXPORT PalError DepotRemoveEntry(DepotHandle* handle, DepotEntry* entry,
@@ -237,7 +244,9 @@ FANOUT_EXPORT PalUint32 ConvertDataSize(PalUint64 bytes) FANOUT_NOEXCEPT;
 
 /* Reserves `kib` KiB of the depot's balance; PAL_ERR_NO_SPACE when the
  * balance is smaller (nothing changes). Always succeeds without a limit. */
+#ifndef PAL_ERR_NO_SPACE
 #define PAL_ERR_NO_SPACE 26
+#endif
 FANOUT_EXPORT PalError DepotReserveDiskSpace(DepotHandle* handle, PalUint32 kib) FANOUT_NOEXCEPT;
 
 /* Gives `kib` KiB back to the balance (no upper bound). */

@@ -19,7 +19,9 @@ constexpr PalInt32 kDataRead = 0x8001;           // read only
 constexpr PalInt32 kDataWrite = 0x8004;          // read-write, no create, no truncate
 constexpr PalInt32 kDataWriteTruncate = 0x8204;  // read-write, truncate
 
-PalInt32 Now() noexcept { return static_cast<PalInt32>(std::time(nullptr)); }
+PalInt32 Now() noexcept {
+    return static_cast<PalInt32>(std::time(nullptr));
+}
 
 }  // namespace
 
@@ -62,7 +64,8 @@ PalError DepotFileOpenForWrite(DepotHandle* handle, DepotEntry* entry, PalFileHa
     return Ok();
 }
 
-PalError DepotFileOpenForRead(DepotHandle* handle, DepotEntry* entry, PalFileHandle* file) noexcept {
+PalError DepotFileOpenForRead(DepotHandle* handle, DepotEntry* entry,
+                              PalFileHandle* file) noexcept {
     Logger(3, "DepotFileOpenForRead entry\n");
     if (handle == nullptr || entry == nullptr || file == nullptr)
         return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
@@ -134,8 +137,8 @@ PalError DepotSetCheckpointOffset(DepotHandle* handle, const PalChar* id, const 
         DepotLock lock(&handle->entryLock, "DepotSetCheckpointOffset error %d releasing lock\n");
         PalError err = lock.Acquire();
         if (err.palError != PAL_OK) {
-            Logger(0, "DepotSetCheckpointOffset exit.  Error %d(%d) obtaining lock\n",
-                   err.palError, err.nativeError);
+            Logger(0, "DepotSetCheckpointOffset exit.  Error %d(%d) obtaining lock\n", err.palError,
+                   err.nativeError);
             return err;
         }
         lastWrite = entry->lastWriteTime;

@@ -30,13 +30,12 @@
 //
 // 3. Locks. depotLock ("depot.lk") guards depot-wide work and membership of
 //    the handle's `entries` list; entryLock ("entry.lk") guards record fields,
-//    the writing of entry files and the opening of data files; each
+//    every read and write of an entry file and the opening of data files; each
 //    enumerator has its own lock ("enum.lk") over its directory handle. The
-//    lock files live in the process's current directory. Order: depotLock
-//    before entryLock, never the reverse; the enumerator lock nests inside
-//    depotLock and is never held together with entryLock. Waits have no time
-//    limit; every take and release is undone by the system when a process
-//    dies. A failed take (PAL_WAIT_TIMEOUT) is treated as success, the
+//    lock files live in the process's current directory. Order: depotLock,
+//    then an enumerator's lock, then entryLock; never the reverse. Waits have
+//    no time limit; every take and release is undone by the system when a
+//    process dies. A failed take (PAL_WAIT_TIMEOUT) is treated as success, the
 //    operation going on without the lock, only in DepotNew, DepotFree,
 //    DepotFreeEntry, DepotPurgeExpiredEntries, DepotCompleteEntry and
 //    DepotAddEntry; a lock not taken is never released.
@@ -55,12 +54,18 @@
 //        there by address, never by key, when they are taken off).
 //    5.2 An entry file is never deleted while its data file exists, so a
 //        later scan still finds, and can purge, any data left on disk.
-//    5.3 Every entry file on disk was written whole by one write under
-//        entryLock and ends its text with a zero byte.
-//    5.4 Counters several processes change (reference_count, deadline) are
-//        re-read from the entry file under entryLock before they are changed
-//        and written back before the lock is released, so concurrent
-//        registrants never lose each other's updates.
+//    5.3 Every entry file on disk was written whole under entryLock and ends
+//        its text with a zero byte. Scans and enumerations read it under
+//        entryLock too, so they never parse a half-rewritten text; the check
+//        of a cached record reads without it (its key bytes never change)
+//        and whatever it refreshes is re-read under entryLock before a write.
+//    5.4 Before an operation writes a record back, it re-reads from the entry
+//        file, under entryLock, what other processes may have changed
+//        (reference_count, deadline) or what a lock-free read may have
+//        garbled (location, properties), and writes its change in the same
+//        hold; concurrent registrants never lose each other's updates. A
+//        record whose entry file is gone, or now holds another key, is never
+//        written back.
 //    5.5 Nothing here raises; every failure is a PalError or a null result,
 //        and every path out of a function releases what it took.
 //    5.6 A lookup reads only the entry files of the key's bucket; repeated
@@ -114,7 +119,8 @@ void DepotLock::Release() noexcept {
     if (!held_) return;
     held_ = false;
     PalError err = PalPostSem(sem_);
-    if (err.palError != PAL_OK && releaseFormat_ != nullptr) Logger(1, releaseFormat_, err.palError);
+    if (err.palError != PAL_OK && releaseFormat_ != nullptr)
+        Logger(1, releaseFormat_, err.palError);
 }
 
 }  // namespace fanout
@@ -230,7 +236,8 @@ PalError DepotNew(DepotHandle** out, const PalChar* directory, PalUint32 storage
     // Creating a semaphore does not take it; this release raises its count by
     // one for the life of the process (see the design notes, 4).
     err = SemPost(&handle->entryLock);
-    if (err.palError != PAL_OK) Logger(1, "DepotSetDir error %d releasing entry lock\n", err.palError);
+    if (err.palError != PAL_OK)
+        Logger(1, "DepotSetDir error %d releasing entry lock\n", err.palError);
 
     if (PalList1Create(&handle->entries, 256, 256) != 0) {
         SemClose(&handle->entryLock);
@@ -244,7 +251,8 @@ PalError DepotNew(DepotHandle** out, const PalChar* directory, PalUint32 storage
     (void)DepotSetDir_internal(handle, directory);  // a missing directory is not fatal
 
     err = SemPost(&handle->depotLock);
-    if (err.palError != PAL_OK) Logger(1, "DepotSetDir error %d releasing depot lock\n", err.palError);
+    if (err.palError != PAL_OK)
+        Logger(1, "DepotSetDir error %d releasing depot lock\n", err.palError);
 
     *out = handle;
     Logger(3, "DepotNew exit\n");
@@ -290,7 +298,8 @@ PalError DepotFree(DepotHandle* handle) noexcept {
     handle->directory = nullptr;
 
     PalError post = SemPost(&handle->entryLock);
-    if (post.palError != PAL_OK) Logger(1, "DepotFree error %d releasing entry lock\n", post.palError);
+    if (post.palError != PAL_OK)
+        Logger(1, "DepotFree error %d releasing entry lock\n", post.palError);
     SemClose(&handle->entryLock);
     depot.Release();
     SemClose(&handle->depotLock);

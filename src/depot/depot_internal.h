@@ -66,17 +66,17 @@ PalInt32 ParseTagNumber(const TagContent& content) noexcept;
 // elements leave their fields unchanged).
 void ReloadEntryFromText(DepotEntry* entry, const PalChar* text) noexcept;
 
-// Reads the entry file of `entry` (under the entry lock), compares its id and
-// version with the record's and refreshes the record from it. True when the
-// key matched. REQUIRES: depot lock held, entry lock not held.
-bool VerifyEntry(DepotHandle* handle, DepotEntry* entry) noexcept;
+// Reads the entry file of `entry`, compares its id and version with the
+// record's and refreshes the record from it. True when the key matched.
+// REQUIRES: depot lock held.
+bool VerifyEntry(DepotEntry* entry) noexcept;
 
 // DepotEntryNewFromToc; with `entryLockHeld` a failed parse frees the partial
 // record without taking the entry lock again.
 DepotEntry* ParseEntryText(DepotHandle* handle, const PalChar* text, bool entryLockHeld) noexcept;
 
 // Re-reads the counters that several registrants update (reference_count and
-// deadline), and the location, from the entry file, so that a change made by
+// deadline), and the location and properties, from the entry file, so that a change made by
 // another process under the entry lock is not overwritten. Returns
 // PAL_ERR_NO_ENTRY when the entry file is gone or now holds another key: the
 // record is stale and must not be written back (that would resurrect a
@@ -112,7 +112,9 @@ void CloseQuietly(PalFileHandle* file) noexcept;
 // semaphore key is derived from its path; its content is never used).
 PalError TouchLockFile(const PalChar* name) noexcept;
 
-inline PalError Ok() noexcept { return PalErrorCreate(PAL_OK, 0, 0); }
+inline PalError Ok() noexcept {
+    return PalErrorCreate(PAL_OK, 0, 0);
+}
 
 }  // namespace fanout
 

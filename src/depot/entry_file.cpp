@@ -34,7 +34,9 @@ static_assert(sizeof(kTemplate) == kTemplateBytes, "entry-file template changed"
 
 constexpr PalInt32 kReadOnly = 0x1;
 
-const char* OrNull(const char* s) noexcept { return s != nullptr ? s : "(null)"; }
+const char* OrNull(const char* s) noexcept {
+    return s != nullptr ? s : "(null)";
+}
 
 // The text being built: the buffer, the document's last position (one past
 // the zero byte, as the tag filler counts it) and the buffer's last byte.
@@ -55,12 +57,13 @@ struct TextBuilder {
             return Ok();
         }
         if (r.last == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 2);
-        std::uintptr_t needed = reinterpret_cast<std::uintptr_t>(r.last) -
-                                reinterpret_cast<std::uintptr_t>(buffer) + 1;
+        std::uintptr_t needed =
+            reinterpret_cast<std::uintptr_t>(r.last) - reinterpret_cast<std::uintptr_t>(buffer) + 1;
         if (needed > static_cast<std::uintptr_t>(INT32_MAX))
             return PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 2);
         std::ptrdiff_t endOffset = docEnd - buffer;
-        auto* grown = static_cast<PalChar*>(PalMemoryRealloc(buffer, static_cast<PalInt32>(needed)));
+        auto* grown =
+            static_cast<PalChar*>(PalMemoryRealloc(buffer, static_cast<PalInt32>(needed)));
         if (grown == nullptr) return PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 2);
         buffer = grown;
         docEnd = grown + endOffset;
@@ -82,11 +85,13 @@ struct TextBuilder {
     }
 };
 
-// Replaces an owned string with a copy of `content`.
+// Replaces an owned string with a copy of `content` (nothing to do when they
+// are equal, the usual case of a refresh).
 void ReplaceString(PalChar** field, const TagContent& content) noexcept {
+    if (*field != nullptr && content.Equals(*field)) return;
     if (content.size + 1 > static_cast<std::size_t>(INT32_MAX)) return;
-    auto* grown = static_cast<PalChar*>(
-        PalMemoryRealloc(*field, static_cast<PalInt32>(content.size + 1)));
+    auto* grown =
+        static_cast<PalChar*>(PalMemoryRealloc(*field, static_cast<PalInt32>(content.size + 1)));
     if (grown == nullptr) return;
     std::memcpy(grown, content.data, content.size);
     grown[content.size] = '\0';
@@ -226,12 +231,13 @@ void ReloadEntryFromText(DepotEntry* entry, const PalChar* text) noexcept {
     Logger(3, "DepotEntryReloadFromToc_internal exit\n");
 }
 
-bool VerifyEntry(DepotHandle* handle, DepotEntry* entry) noexcept {
+bool VerifyEntry(DepotEntry* entry) noexcept {
     Logger(3, "DepotVerifyEntry_internal entry\n");
-    // Read under the entry lock, so that a rewrite by another process is never
-    // seen half done; a lock that cannot be had does not stop the check.
-    DepotLock lock(&handle->entryLock, "DepotVerifyEntry_internal error %d releasing lock\n");
-    (void)lock.Acquire();
+    // Read without the entry lock: this is the hot path of repeated lookups.
+    // The id and version are the same bytes in every rewrite, so the check
+    // itself cannot be fooled by a rewrite in progress; what the refresh may
+    // take from a half-rewritten file (counters, location, properties) is
+    // re-read under the lock before anything is written back.
     PalChar* text = nullptr;
     PalInt32 capacity = 0;
     ReadResult r = ReadWholeFile(entry->entryFilePath, &text, &capacity);
@@ -240,7 +246,8 @@ bool VerifyEntry(DepotHandle* handle, DepotEntry* entry) noexcept {
         case ReadFailure::kNone:
             break;
         case ReadFailure::kOpen:
-            Logger(1, "DepotVerifyEntry_internal error %d opening file %s\n", r.error.palError, path);
+            Logger(1, "DepotVerifyEntry_internal error %d opening file %s\n", r.error.palError,
+                   path);
             break;
         case ReadFailure::kSize:
             Logger(1, "DepotVerifyEntry_internal error %d retrieving size of file %s\n",
@@ -250,7 +257,8 @@ bool VerifyEntry(DepotHandle* handle, DepotEntry* entry) noexcept {
             Logger(1, "DepotVerifyEntry_internal error allocating memory buffer for file read\n");
             break;
         case ReadFailure::kRead:
-            Logger(1, "DepotVerifyEntry_internal error %d reading file %s\n", r.error.palError, path);
+            Logger(1, "DepotVerifyEntry_internal error %d reading file %s\n", r.error.palError,
+                   path);
             break;
     }
     if (r.failure != ReadFailure::kNone) {
@@ -286,6 +294,15 @@ PalError SyncSharedCounters(DepotEntry* entry) noexcept {
             // rewriting it.
             if ((c = FindTagContent(text, "location")).present() && !c.Equals(entry->location))
                 ReplaceString(&entry->location, c);
+            // Likewise the properties, which never change after the addition.
+            PalUint8* decoded = nullptr;
+            PalUint32 decodedLength = 0;
+            if ((c = FindTagContent(text, "properties")).present() && c.size != 0 &&
+                DecodeProperties(c, &decoded, &decodedLength)) {
+                PalMemoryFree(entry->properties);
+                entry->properties = decoded;
+                entry->propertiesLength = decodedLength;
+            }
         }
     }
     // Any other read failure leaves the record as it is; the write that
@@ -306,8 +323,8 @@ void FreeRecordFields(DepotEntry* entry) noexcept {
 
 PalChar* BuildEntryPath(const PalChar* dir, const PalChar* bucket, PalInt32 n,
                         const char* suffix) noexcept {
-    std::size_t size = std::strlen(OrNull(dir)) + std::strlen(OrNull(bucket)) +
-                       std::strlen(suffix) + 16;
+    std::size_t size =
+        std::strlen(OrNull(dir)) + std::strlen(OrNull(bucket)) + std::strlen(suffix) + 16;
     if (size > static_cast<std::size_t>(INT32_MAX)) return nullptr;
     auto* path = static_cast<PalChar*>(PalMemoryMalloc(static_cast<PalInt32>(size)));
     if (path == nullptr) return nullptr;
@@ -406,8 +423,8 @@ DepotEntry* ParseEntryText(DepotHandle* handle, const PalChar* text, bool entryL
     DepotEntry* entry = DepotEntryNew();
     if (entry == nullptr) return nullptr;
 
-    static constexpr const char* kTags[] = {"id",       "version",  "location",  "reference_count",
-                                            "state",    "checksum", "deadline", "properties"};
+    static constexpr const char* kTags[] = {"id",    "version",  "location", "reference_count",
+                                            "state", "checksum", "deadline", "properties"};
     TagContent c[8];
     bool ok = true;
     for (int i = 0; i < 8 && ok; ++i) ok = (c[i] = FindTagContent(text, kTags[i])).present();
@@ -419,7 +436,8 @@ DepotEntry* ParseEntryText(DepotHandle* handle, const PalChar* text, bool entryL
         entry->state = ParseTagNumber(c[4]);
         entry->checksum = ParseTagNumber(c[5]);
         entry->deadline = ParseTagNumber(c[6]);
-        if (c[7].size != 0) ok = DecodeProperties(c[7], &entry->properties, &entry->propertiesLength);
+        if (c[7].size != 0)
+            ok = DecodeProperties(c[7], &entry->properties, &entry->propertiesLength);
     }
     if (ok) ok = PalList1Add(handle->entries, entry) >= 0;
     if (!ok) {

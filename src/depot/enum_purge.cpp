@@ -77,7 +77,8 @@ PalError DepotEnumNew(DepotHandle* handle, DepotEnum** enumerator) noexcept {
     // Like DepotNew: a release without a take, raising the count by one for
     // the life of the process.
     err = PalPostSem(&walk->lock);
-    if (err.palError != PAL_OK) Logger(1, "DepotEnumNew error %d releasing enum lock\n", err.palError);
+    if (err.palError != PAL_OK)
+        Logger(1, "DepotEnumNew error %d releasing enum lock\n", err.palError);
     Logger(3, "DepotEnumNew exit\n");
     return Ok();
 }
@@ -121,7 +122,20 @@ DepotEntry* DepotEntryEnumNextElement(DepotEnum* enumerator) noexcept {
             PalMemoryFree(path);
             continue;
         }
-        found->entryFilePath = path;  // handed over: there is no copy that can fail
+        found->entryFilePath = PalStringDup(path);
+        if (found->entryFilePath == nullptr) {
+            Logger(1, "DepotEntryEnumNextElement PalStringDup of %s failed\n", path);
+            // The caller holds the depot lock and this walk the entry lock:
+            // the record is released here rather than through DepotFreeEntry.
+            if (entryLock.held()) {
+                DetachRecord(handle, found);
+                FreeRecordFields(found);
+            } else {
+                (void)FreeRecordLocked(handle, found, true);
+            }
+            found = nullptr;
+        }
+        PalMemoryFree(path);
     }
     PalMemoryFree(buffer);
     entryLock.Release();
@@ -145,7 +159,8 @@ PalError DepotEntryEnumDelete(DepotEnum* enumerator) noexcept {
         Logger(1, "DepotEntryEnumDelete error %d closing directory handle\n", err.palError);
     lock.Release();
     err = PalCloseSem(&enumerator->lock);
-    if (err.palError != PAL_OK) Logger(1, "DepotEntryEnumDelete error %d freeing lock\n", err.palError);
+    if (err.palError != PAL_OK)
+        Logger(1, "DepotEntryEnumDelete error %d freeing lock\n", err.palError);
     PalMemoryFree(enumerator);
     Logger(3, "DepotEntryEnumDelete exit\n");
     return Ok();
@@ -208,8 +223,8 @@ PalError DepotPurgeExpiredEntries(DepotHandle* handle) noexcept {
                            "DepotPurgeExpiredEntries error %d releasing lock\n");
             if (lock.Acquire().palError != PAL_OK) {
                 // Reports the purge's status so far, not the lock's.
-                Logger(1, "DepotPurgeExpiredEntries error %d(%d) obtaining lock\n",
-                       result.palError, result.nativeError);
+                Logger(1, "DepotPurgeExpiredEntries error %d(%d) obtaining lock\n", result.palError,
+                       result.nativeError);
                 continue;
             }
             // The deadline as it stands now, not as the walk read it.

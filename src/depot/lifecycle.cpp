@@ -18,7 +18,9 @@ namespace {
 
 constexpr PalInt32 kCreateWriteOnly = 0x102;  // create if absent, write only, keep contents
 
-const char* OrNull(const char* s) noexcept { return s != nullptr ? s : "(null)"; }
+const char* OrNull(const char* s) noexcept {
+    return s != nullptr ? s : "(null)";
+}
 
 bool ListContains(PalList1* list, PalInt32 number) noexcept {
     if (list == nullptr) return false;
@@ -266,7 +268,8 @@ PalError DepotSaveEntry(DepotHandle* handle, DepotEntry* entry) noexcept {
 
 PalError DepotEntryChangeState(DepotHandle* handle, DepotEntry* entry, PalInt32 state) noexcept {
     Logger(3, "DepotEntryChangeState entry\n");
-    if (handle == nullptr || entry == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
+    if (handle == nullptr || entry == nullptr)
+        return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
     DepotLock lock(&handle->entryLock, "DepotEntryChangeState error %d releasing lock\n");
     PalError err = lock.Acquire();
     if (err.palError != PAL_OK) {
@@ -282,7 +285,8 @@ PalError DepotEntryChangeState(DepotHandle* handle, DepotEntry* entry, PalInt32 
 
 PalError DepotCompleteEntry(DepotHandle* handle, DepotEntry* entry, PalInt32 deadline) noexcept {
     Logger(3, "DepotCompleteEntry entry\n");
-    if (handle == nullptr || entry == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
+    if (handle == nullptr || entry == nullptr)
+        return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
     DepotLock lock(&handle->entryLock, "DepotCompleteEntry error %d releasing lock\n");
     PalError err = lock.Acquire();
     if (err.palError == PAL_WAIT_TIMEOUT) {
@@ -311,7 +315,8 @@ PalError DepotCompleteEntry(DepotHandle* handle, DepotEntry* entry, PalInt32 dea
 
 PalError DepotUnregisterEntry(DepotHandle* handle, DepotEntry* entry, PalBool force) noexcept {
     Logger(3, "DepotUnregisterEntry entry\n");
-    if (handle == nullptr || entry == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
+    if (handle == nullptr || entry == nullptr)
+        return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
     DepotLock depot(&handle->depotLock, "DepotUnregisterEntry error %d releasing depot lock\n");
     PalError err = depot.Acquire();
     if (err.palError != PAL_OK) {
@@ -361,7 +366,8 @@ PalError DepotUnregisterEntry(DepotHandle* handle, DepotEntry* entry, PalBool fo
 
 PalError DepotRemoveEntry_internal(DepotHandle* handle, DepotEntry* entry, PalBool force) noexcept {
     Logger(3, "DepotRemoveEntry_internal entry\n");
-    if (handle == nullptr || entry == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
+    if (handle == nullptr || entry == nullptr)
+        return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
     DepotLock lock(&handle->entryLock, "DepotRemoveEntry_internal error %d releasing lock\n");
     PalError err = lock.Acquire();
     if (err.palError != PAL_OK) {

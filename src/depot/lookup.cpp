@@ -19,8 +19,8 @@ extern "C" {
 
 PalUint32 TableSize = 256;
 PalUint32 NearestPrime = 0;
-const PalUint32 PowerOf2Primes[16] = {2,    3,    7,    13,   31,    61,    127,   251,
-                                      509,  1021, 2039, 4093, 8191, 16381, 32749, 65521};
+const PalUint32 PowerOf2Primes[16] = {2,   3,    7,    13,   31,   61,    127,   251,
+                                      509, 1021, 2039, 4093, 8191, 16381, 32749, 65521};
 
 }  // extern "C"
 
@@ -139,7 +139,8 @@ PalError DepotHashFunction(const PalChar* text, PalUint32* bucket) noexcept {
         // Only the first half of the characters, rounded up, take part.
         std::size_t count = (std::strlen(text) + 1) / 2;
         for (std::size_t i = 0; i < count; ++i) {
-            auto c = static_cast<PalUint32>(static_cast<PalInt32>(static_cast<signed char>(text[i])));
+            auto c =
+                static_cast<PalUint32>(static_cast<PalInt32>(static_cast<signed char>(text[i])));
             h ^= c;
             h = (h << 5) | (h >> 27);
         }
@@ -205,10 +206,10 @@ DepotEntry* DepotGetEntry_internal(DepotHandle* handle, const PalChar* id, const
 
     PalUint32 index = DepotFindEntryIndex(handle, id, version);
     if (index != kNotFound) {
-        auto* cached = static_cast<DepotEntry*>(
-            PalList1Access(handle->entries, static_cast<PalInt32>(index)));
+        auto* cached =
+            static_cast<DepotEntry*>(PalList1Access(handle->entries, static_cast<PalInt32>(index)));
         if (cached != nullptr) {
-            if (VerifyEntry(handle, cached)) {
+            if (VerifyEntry(cached)) {
                 Logger(3, "DepotGetEntry_internal exit\n");
                 return cached;
             }

@@ -58,7 +58,8 @@ void DepotUnreserveDiskSpace(DepotHandle* handle, PalUint32 kib) noexcept {
 
 PalError DepotSetSegmentSize(DepotHandle* handle, DepotEntry* entry) noexcept {
     Logger(3, "DepotSetSegmentSize entry\n");
-    if (handle == nullptr || entry == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
+    if (handle == nullptr || entry == nullptr)
+        return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
     DepotLock lock(&handle->entryLock, "DepotSetSegmentSize error %d releasing lock\n");
     PalError err = lock.Acquire();
     if (err.palError != PAL_OK) {
@@ -76,7 +77,8 @@ PalError DepotSetSegmentSize(DepotHandle* handle, DepotEntry* entry) noexcept {
 
 PalError DepotEntryGetFileSize(DepotHandle* handle, DepotEntry* entry, PalUint64* bytes) noexcept {
     Logger(3, "DepotEntryGetFileSize entry\n");
-    if (handle == nullptr || entry == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
+    if (handle == nullptr || entry == nullptr)
+        return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
     DepotLock lock(&handle->entryLock, "DepotEntryGetFileSize error %d releasing lock\n");
     PalError err = lock.Acquire();
     if (err.palError != PAL_OK) {
@@ -119,7 +121,8 @@ PalError DepotAdjustReservedSpace(DepotHandle* handle, const PalChar* id,
 
 PalError DepotGetPermStorage(DepotHandle* handle, PalUint32* total) noexcept {
     Logger(3, "DepotGetPermStorage entry\n");
-    if (handle == nullptr || total == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
+    if (handle == nullptr || total == nullptr)
+        return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
     DepotLock lock(&handle->depotLock, "DepotGetPermStorage error %d releasing lock\n");
     PalError err = lock.Acquire();
     if (err.palError != PAL_OK) {

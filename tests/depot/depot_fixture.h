@@ -67,8 +67,8 @@ inline bool Exists(const std::string& path) {
 }
 
 // The entry-file text filled in by hand, zero byte included.
-inline std::string EntryText(const std::string& id, const std::string& version, int refs,
-                             int state, int checksum, int deadline, const std::string& location,
+inline std::string EntryText(const std::string& id, const std::string& version, int refs, int state,
+                             int checksum, int deadline, const std::string& location,
                              const std::string& properties64) {
     std::string s = "<<id>" + id + "</id><version>" + version + "</version><reference_count>" +
                     std::to_string(refs) + "</reference_count><state>" + std::to_string(state) +
@@ -168,8 +168,9 @@ class DepotTest : public ::testing::Test {
             PalFileHandle f{};
             ASSERT_EQ(DepotFileOpenForWrite(handle_, e, &f, PAL_TRUE).palError, PAL_OK);
             PalUint32 n = 0;
-            ASSERT_EQ(PalFileWrite(f, data.data(), static_cast<PalUint32>(data.size()), &n).palError,
-                      PAL_OK);
+            ASSERT_EQ(
+                PalFileWrite(f, data.data(), static_cast<PalUint32>(data.size()), &n).palError,
+                PAL_OK);
             PalFileClose(f);
         }
         ASSERT_EQ(DepotCompleteEntry(handle_, e, deadline).palError, PAL_OK);

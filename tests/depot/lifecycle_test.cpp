@@ -102,8 +102,8 @@ TEST_F(DepotLifecycle, EntryFileStaysWhileItsDataFileCannotBeDeleted) {
     PalError err = DepotRemoveEntry(handle_, e, PAL_TRUE);
     EXPECT_EQ(err.palError, PAL_ERR_SYSTEM);
     EXPECT_TRUE(Exists(kXml));
-    EXPECT_TRUE(log_.Has(1, "DepotRemoveEntry_internal exit.  Error -4 removing file " + kDat +
-                                "\n"));
+    EXPECT_TRUE(
+        log_.Has(1, "DepotRemoveEntry_internal exit.  Error -4 removing file " + kDat + "\n"));
     EXPECT_EQ(DepotFindEntryIndex(handle_, "abc", "1"), 0xFFFFFFFFu);
 }
 
@@ -163,7 +163,7 @@ TEST_F(DepotLifecycle, ModifiedAnswerKeepsTheEntryLockUntilTheProcessEnds) {
     ::close(fds[0]);
     ::close(fds[1]);
     EXPECT_EQ(report[0], 1);
-    EXPECT_EQ(report[1], before - 1);       // held by the child when it answered
+    EXPECT_EQ(report[1], before - 1);         // held by the child when it answered
     EXPECT_EQ(SemValue("entry.lk"), before);  // given back when it ended
 }
 

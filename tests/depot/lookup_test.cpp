@@ -82,8 +82,9 @@ TEST_F(DepotLookup, CachedRecordWhoseFileIsGoneIsDroppedAndNotFound) {
     ASSERT_NE(e, nullptr);
     ASSERT_EQ(::remove("depot/00000016.0.xml"), 0);
     EXPECT_EQ(DepotGetEntry(handle_, "abc", "1"), nullptr);
-    EXPECT_TRUE(log_.Has(1, "DepotVerifyEntry_internal error -4 opening file "
-                            "depot/00000016.0.xml\n"));
+    EXPECT_TRUE(log_.Has(1,
+                         "DepotVerifyEntry_internal error -4 opening file "
+                         "depot/00000016.0.xml\n"));
     EXPECT_EQ(DepotFindEntryIndex(handle_, "abc", "1"), 0xFFFFFFFFu);
 }
 
@@ -102,8 +103,9 @@ TEST_F(DepotLookup, UnreadableEntryFileHidesTheEntriesListedAfterIt) {
         EXPECT_NE(e, nullptr);
     } else {
         EXPECT_EQ(e, nullptr);
-        EXPECT_TRUE(log_.Has(1, "DepotGetEntry_internal error -4 reading file "
-                                "depot/00000016.5.xml\n"));
+        EXPECT_TRUE(log_.Has(1,
+                             "DepotGetEntry_internal error -4 reading file "
+                             "depot/00000016.5.xml\n"));
     }
 }
 

@@ -26,7 +26,8 @@ TEST_F(DepotSpace, ReservationsChargeTheBalanceOnlyWithALimit) {
         PalUint32 reserve;
         PalInt32 status;
         PalUint32 left;
-    } const cases[] = {{0, 1000000, PAL_OK, 0}, {10, 10, PAL_OK, 0}, {10, 11, PAL_ERR_NO_SPACE, 10}};
+    } const cases[] = {
+        {0, 1000000, PAL_OK, 0}, {10, 10, PAL_OK, 0}, {10, 11, PAL_ERR_NO_SPACE, 10}};
     for (const auto& c : cases) {
         DepotHandle* h = nullptr;
         ASSERT_EQ(DepotNew(&h, nullptr, c.limit).palError, PAL_OK);

@@ -30,14 +30,12 @@ class PalFile : public pal_test::TempDir {
 
 TEST(PalFileMap, OpenFlagsAndPermissionBits) {
     // Both access bits give the raw value 3, which the host refuses.
-    const std::pair<PalInt32, int> flags[] = {{0x001, O_RDONLY},
-                                              {0x002, O_WRONLY},
-                                              {0x004, O_RDWR},
-                                              {0x006, 3},
-                                              {0x104, O_CREAT | O_RDWR},
-                                              {0x10A, O_CREAT | O_WRONLY | O_APPEND},
-                                              {0x8204, O_RDWR | O_TRUNC},
-                                              {0x502, O_CREAT | O_EXCL | O_WRONLY}};
+    // clang-format off
+    const std::pair<PalInt32, int> flags[] = {
+        {0x001, O_RDONLY}, {0x002, O_WRONLY}, {0x004, O_RDWR}, {0x006, 3},
+        {0x104, O_CREAT | O_RDWR}, {0x10A, O_CREAT | O_WRONLY | O_APPEND},
+        {0x8204, O_RDWR | O_TRUNC}, {0x502, O_CREAT | O_EXCL | O_WRONLY}};
+    // clang-format on
     for (auto [oflag, host] : flags) EXPECT_EQ(fanout::pal_open_flags(oflag), host) << oflag;
     const std::pair<PalUint32, mode_t> perms[] = {{0x001, 0400}, {0x010, 0200}, {0x100, 0100},
                                                   {0x002, 0040}, {0x020, 0020}, {0x200, 0010},
@@ -50,11 +48,11 @@ TEST(PalFileMap, OpenFlagsAndPermissionBits) {
     EXPECT_EQ(fanout::pal_perm_from_host(S_IFREG | 07000 | 0777), 0x777u);  // no type/special
 }
 
-// The directory holds just "f" throughout; rows run in order.
+// Rows run in order; the directory holds "f" and "d" when it is listed.
 TEST_F(PalFile, Records) {
     PalFileClose(Create("f"));
     const std::string fPath = Path("f"), missingPath = Path("missing");
-    const std::string back = dir_ + "\\g", slash = dir_ + "/";  // '\\' and a trailing '/'
+    const std::string slash = dir_ + "/";  // a trailing separator
     const char *f = fPath.c_str(), *missing = missingPath.c_str(), *dir = dir_.c_str();
     PalFileHandle none{nullptr}, bad{nullptr}, temp{nullptr};
     PalInt64 size = 0;
@@ -71,8 +69,8 @@ TEST_F(PalFile, Records) {
         {"Write null", PalFileWrite(none, buf, 1, &count), {kArg, 0, 1}},
         {"Remove foreign", PalFileRemove("\\\\srv\\x"), {kArg, 0, 2}},
         {"Remove", PalFileRemove(missing), {kSys, ENOENT, 3}},
-        {"Rename to '\\'", PalFileRename(f, back.c_str()), kOk},
-        {"Rename from '\\'", PalFileRename(back.c_str(), f), kOk},
+        {"Rename to '\\'", PalFileRename(f, (dir_ + "\\g").c_str()), kOk},
+        {"Rename back", PalFileRename((dir_ + "/g").c_str(), f), kOk},
         {"GetInfo", PalFileGetInfo(missing, &info), {kSys, ENOENT, 2}},
         {"SetPermissions foreign", PalFileSetPermissions(0, "C:\\a"), {kArg, 0, 2}},
         {"SetPermissions", PalFileSetPermissions(0x013, missing), {PAL_OK, ENOENT, 3}},
@@ -90,20 +88,27 @@ TEST_F(PalFile, Records) {
         {"OpenTemporary", PalFileOpenTemporary(f, &temp), {PAL_ERR_NO_ENTRY, 0, 2}},
         {"OpenTemporary", PalFileOpenTemporary(dir, &temp), kOk},  // and unlinked at once
         {"DirCreate", PalDirCreateDirectory(f), {kSys, EEXIST, 1}},
+        {"DirCreate", PalDirCreateDirectory((dir_ + "/d").c_str()), kOk},
         {"DirRemove", PalDirRemoveDirectory(dir), {kSys, ENOTEMPTY, 1}},
         {"DirSetCurrent", PalDirSetCurrentDirectory(missing), {kSys, ENOENT, 1}},
         {"DirOpen null", PalDirOpen(&dh, nullptr), {kArg, 0, 0}},
         {"DirOpen", PalDirOpen(&dh, missing), {kSys, ENOENT, 2}},  // the handle is set
         {"DirRead, failed open", PalDirReadDirectory(buf, dh), {kArg, 0, 0}},
         {"DirClose, failed open", PalDirClose(dh), kOk},  // frees the handle (ASan)
-        {"DirOpen", PalDirOpen(&listing, dir), kOk},      // ".", ".." and "f"
+        {"DirOpen", PalDirOpen(&listing, dir), kOk},      // ".", "..", "d" and "f"
         {"DirRead 1", PalDirReadDirectory(buf, listing), kOk},
         {"DirRead 2", PalDirReadDirectory(buf, listing), kOk},
         {"DirRead 3", PalDirReadDirectory(buf, listing), kOk},
+        {"DirRead 4", PalDirReadDirectory(buf, listing), kOk},
         {"DirRead, end", PalDirReadDirectory(buf, listing), {PAL_ERR_NO_ENTRY, 0, 3}},
         {"DirClose", PalDirClose(listing), kOk},
-        {"Close temporary", PalFileClose(temp), kOk},
     });
+    struct stat file, sub;  // the temporary file and the new directory are the owner's alone
+    ASSERT_EQ(fstat(fanout::pal_fd(temp), &file), 0);
+    ASSERT_EQ(stat(Path("d").c_str(), &sub), 0);
+    EXPECT_EQ(file.st_mode & 0777, 0700u);
+    EXPECT_EQ(sub.st_mode & 0777, 0700u);
+    ExpectRecord(PalFileClose(temp), kOk);
     EXPECT_EQ(size, -1);
     EXPECT_EQ(count, 0x013u);  // and the host's bits are 0640
     EXPECT_EQ(std::filesystem::status(f).permissions(), std::filesystem::perms(0640));
@@ -131,6 +136,9 @@ TEST_F(PalFile, SeekOriginsAndSizesBeyond32Bits) {
     }
     PalUint32 count = 0;
     ExpectRecord(PalFileWrite(h, "ab", 2, &count), kOk);  // at 5 GiB + 1
+    PalInt64 size = 0;
+    ExpectRecord(PalFileGetSize(h, &size), kOk);
+    EXPECT_EQ(size, big);
     ExpectRecord(PalFileFlushBuffers(h), kOk);
     ExpectRecord(PalFileClose(h), kOk);
     PalFileInfo info;

@@ -70,7 +70,8 @@ TEST(PalList1, GrowsByIncrementAndReportsCapacityAsSize) {
     for (int i = 0; i < 100; ++i) ASSERT_EQ(PalList1Access(g.list, i), V(i));
     EXPECT_EQ(Walk(g.list).size(), 100u);
 
-    ASSERT_EQ(PalList1Create(&fixed.list, 1, 0), 0);  // increment 0: full means full
+    ASSERT_EQ(PalList1Create(&fixed.list, 1, 0), 0);    // increment 0: full means full
+    EXPECT_EQ(PalList1Access(fixed.list, 1), nullptr);  // the spare slot, never grown
     EXPECT_EQ(PalList1Add(fixed.list, V(1)), 0);
     EXPECT_EQ(PalList1Add(fixed.list, V(2)), -1);
     EXPECT_EQ(Walk(fixed.list), (std::vector<PalInt32>{0}));

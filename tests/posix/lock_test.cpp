@@ -82,7 +82,7 @@ TEST_F(PalSem, HolderKilledWithSigkillReleasesTheSemaphore) {
     EXPECT_EQ(semctl(SemId(h), 0, GETVAL), 0);
     kill(child.pid, SIGKILL);
     EXPECT_EQ(child.Wait(), -1);
-    EXPECT_EQ(semctl(SemId(h), 0, GETVAL), 1);  // the system undid the dead holder's take
+    ASSERT_EQ(semctl(SemId(h), 0, GETVAL), 1);  // the system undid the dead holder's take
     EXPECT_EQ(PalWaitSem(&h).palError, PAL_OK);
     PalDestSem(&h);
 }
@@ -106,6 +106,7 @@ TEST_F(PalSem, DestroyWakesABlockedWaiterWithIdRemoved) {
     for (int i = 0; i < 20000 && (waiting = semctl(SemId(h), 0, GETNCNT)) == 0; ++i) usleep(500);
     ASSERT_EQ(waiting, 1);
     PalDestSem(&h);
+    ASSERT_EQ(semget(set_.key, 1, 0), -1);  // gone, so the child is awake
     PalError e{};
     ASSERT_EQ(read(result[0], &e, sizeof e), static_cast<ssize_t>(sizeof e));
     close(result[0]);

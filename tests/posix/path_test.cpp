@@ -36,9 +36,10 @@ TEST(PalPath, ClassifiesLocalisesAndCutsPrefixes) {
 }
 
 TEST(PalPath, NameAndParent) {
+    // Path, name, parent. Without a separator the name is "Failure"; otherwise
+    // the later separator counts, whatever its kind.
     const std::tuple<const char*, const char*, const char*> cases[] = {
-        {"dir/file", "file", "dir"}, {"file", "Failure", "file"},  // no separator
-        {"a/b\\c", "c", "a/b"},  // the later separator wins, whatever its kind
+        {"dir/file", "file", "dir"}, {"file", "Failure", "file"}, {"a/b\\c", "c", "a/b"},
         {"a\\b/c", "c", "a\\b"},     {"dir/", "", "dir"},
     };
     char buf[64];

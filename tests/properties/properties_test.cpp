@@ -1,23 +1,21 @@
 // Tests of the in-memory property list: the getters' missing-key and
-// wrong-type rules, replacement in place, removal order, adopting puts and
-// the shallow free, clone independence, equality and matching.
+// wrong-type rules, replacement in place, removal order, clone independence,
+// equality and matching.
 #include "fanout/properties.h"
 
 #include <gtest/gtest.h>
 
-#include <functional>
+#include <cstdlib>
 #include <iterator>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "properties/support.h"
 
 namespace {
 
-using proptest::AllTypes;
-using proptest::raised_by;
-using proptest::ScopedList;
-using Strings = std::vector<std::string>;
+using namespace proptest;
 
 Strings keys_of(const Properties* p) {
     Strings keys;
@@ -25,53 +23,41 @@ Strings keys_of(const Properties* p) {
     return keys;
 }
 
-// Over a list holding every type: the plain getter raises 36 for a missing
-// key, the 2 getter returns its default, and both raise 37 for a key that
-// holds another type.
+// call(key, false) runs the plain getter; call(key, true) the 2 getter,
+// answering whether its default came back.
+using Getter = std::pair<const char*, std::function<bool(const char*, bool)>>;
+// clang-format off
+#define GETTER(sfx, def) Getter{#sfx, [&](const char* k, bool two) { \
+    return two ? properties_get_##sfx##2(p, k, def) == (def) : (properties_get_##sfx(p, k), false); }}
+// clang-format on
+
 TEST(PropertiesList, GettersRaiseForMissingKeysAndWrongTypes) {
     AllTypes t;
-    const Properties* p = t.list.get();
+    const Properties* p = t.get();
+    // clang-format off
     const char* def_string = "d";
-    Any def_any{};
-    Kel_Types_OctetList def_octets{};
-    Properties def_props{};
-    PropertiesList def_list{};
-    struct Getter {
-        const char* key;  // the key holding this type
-        std::function<void(const char*)> plain;
-        std::function<bool(const char*)> defaulted;  // true when the default came back
-    };
-#define GETTER(sfx, def)                                          \
-    Getter {                                                      \
-        #sfx, [&](const char* k) { (void)properties_get_##sfx(p, k); }, \
-            [&](const char* k) { return properties_get_##sfx##2(p, k, def) == (def); } \
-    }
+    Any def_any{}; Kel_Types_OctetList def_octets{}; Properties def_props{}; PropertiesList def_list{};
     const Getter getters[] = {
-        GETTER(string, def_string),       GETTER(any, &def_any),
-        GETTER(object, nullptr),          GETTER(short, 9),
-        GETTER(long, 7),                  GETTER(ulong, 5u),
-        GETTER(boolean, 0),               GETTER(OctetList, &def_octets),
-        GETTER(properties, &def_props),   GETTER(properties_list, &def_list),
-    };
-#undef GETTER
+        GETTER(string, def_string), GETTER(any, &def_any), GETTER(object, nullptr),
+        GETTER(short, 9), GETTER(long, 7), GETTER(ulong, 5u), GETTER(boolean, 0),
+        GETTER(OctetList, &def_octets), GETTER(properties, &def_props),
+        GETTER(properties_list, &def_list)};
+    // clang-format on
     for (size_t i = 0; i < std::size(getters); ++i) {
-        const Getter& g = getters[i];
-        const char* other = getters[(i + 1) % std::size(getters)].key;
-        SCOPED_TRACE(g.key);
-        EXPECT_EQ(raised_by([&] { g.plain(g.key); }).number, 0);
-        EXPECT_FALSE(g.defaulted(g.key));
-        EXPECT_TRUE(g.defaulted("absent"));
-        auto missing = raised_by([&] { g.plain("absent"); });
-        EXPECT_EQ(missing.number, 36);
-        EXPECT_EQ(missing.args, Strings{"absent"});
-        for (bool plain : {true, false}) {
-            auto wrong = raised_by([&] { plain ? g.plain(other) : (void)g.defaulted(other); });
-            EXPECT_EQ(wrong.number, 37) << (plain ? "plain" : "2");
-            EXPECT_EQ(wrong.args, Strings{other});
+        const auto& [key, call] = getters[i];
+        const char* other = getters[(i + 1) % std::size(getters)].first;  // holds another type
+        SCOPED_TRACE(key);
+        call(key, false);
+        EXPECT_FALSE(call(key, true));
+        EXPECT_TRUE(call("absent", true));
+        EXPECT_EQ(raised_by([&] { call("absent", false); }), (Raised{36, {"absent"}}));
+        for (bool two : {false, true}) {
+            EXPECT_EQ(raised_by([&] { call(other, two); }), (Raised{37, {other}}));
         }
     }
     EXPECT_EQ(p->length, 10u);  // a raising getter changes nothing
 }
+#undef GETTER
 
 TEST(PropertiesList, PutReplacesInPlaceAndAppendsNewKeys) {
     ScopedList list;
@@ -81,7 +67,10 @@ TEST(PropertiesList, PutReplacesInPlaceAndAppendsNewKeys) {
     properties_put_long_dup(p, "c", 3);
     properties_put_string_dup(p, "b", "new");       // the old key and value are freed
     properties_put_string_dup(p, "a", "was long");  // across types too
-    properties_put_long_dup(p, "B", 4);             // keys are case-sensitive
+    auto* v = static_cast<int32_t*>(mg_malloc(sizeof(int32_t)));
+    *v = 4;
+    properties_put_long(p, "B", v);  // keys are case-sensitive; the list adopts v
+    EXPECT_EQ(properties_get(p, "B", TC_long, 1), v);
     EXPECT_EQ(keys_of(p), (Strings{"a", "b", "c", "B"}));
     EXPECT_STREQ(properties_get_string(p, "b"), "new");
     EXPECT_STREQ(properties_get_string(p, "a"), "was long");
@@ -103,22 +92,9 @@ TEST(PropertiesList, RemoveKeepsTheOrderAndHandsOverTheEntry) {
     EXPECT_EQ(keys_of(p), (Strings{"a", "d"}));
 }
 
-// A plain put stores the caller's block itself; the shallow free releases
-// keys and buffer only, so the block is still the caller's to free.
-TEST(PropertiesList, PlainPutAdoptsAndFreeLeavesValues) {
-    Properties p{};
-    auto* v = static_cast<int32_t*>(mg_malloc(sizeof(int32_t)));
-    *v = 5;
-    properties_put_long(&p, "k", v);
-    EXPECT_EQ(properties_get(&p, "k", TC_long, 1), v);
-    properties_free(&p);
-    EXPECT_EQ(p.length, 0u);
-    mg_free(v);
-}
-
 TEST(PropertiesList, CloneIsDeepAndIndependent) {
     AllTypes t;
-    Properties* p = t.list.get();
+    Properties* p = t.get();
     Properties* copy = properties_clone(p);
     Environment env{};
     EXPECT_EQ(zel_generic_equal(TC_Kel_Fanout2_Properties, &env, p, copy), 1);
@@ -133,44 +109,24 @@ TEST(PropertiesList, CloneIsDeepAndIndependent) {
 }
 
 // A string pattern is a wildcard over the subject's string; other values
-// must be deeply equal, as property_equal requires.
+// must be deeply equal, as property_equal requires. "k=#5" holds a long.
 TEST(PropertiesList, MatchAndEqual) {
-    struct Value {
-        const char* key;
-        const char* text;  // null: a long holding `number`
-        int32_t number;
-    };
-    struct Case {
-        Value pattern, subject;
-        uint8_t match, equal;
-    };
-    const Case cases[] = {
-        {{"k", "ab*", 0}, {"k", "abc", 0}, 1, 0},
-        {{"k", "a?c", 0}, {"k", "abc", 0}, 1, 0},
-        {{"k", "abc", 0}, {"k", "ab*", 0}, 0, 0},  // the subject is no pattern
-        {{"k", "abc", 0}, {"k", "abc", 0}, 1, 1},
-        {{"j", "ab*", 0}, {"k", "abc", 0}, 0, 0},  // keys differ
-        {{"K", nullptr, 5}, {"k", nullptr, 5}, 0, 0},
-        {{"k", nullptr, 5}, {"k", nullptr, 5}, 1, 1},
-        {{"k", nullptr, 5}, {"k", nullptr, 6}, 0, 0},
-        {{"k", nullptr, 5}, {"k", "5", 0}, 0, 0},  // types differ
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(&c - cases);
+    const std::tuple<const char*, const char*, uint8_t, uint8_t> cases[] = {
+        {"k=ab*", "k=abc", 1, 0}, {"k=a?c", "k=abc", 1, 0}, {"k=abc", "k=ab*", 0, 0},
+        {"k=abc", "k=abc", 1, 1}, {"j=ab*", "k=abc", 0, 0}, {"K=#5", "k=#5", 0, 0},
+        {"k=#5", "k=#5", 1, 1},   {"k=#5", "k=#6", 0, 0},   {"k=#5", "k=5", 0, 0}};
+    for (const auto& [pattern, subject, match, equal] : cases) {
         ScopedList lists[2];
-        const Value* values[2] = {&c.pattern, &c.subject};
         for (int i = 0; i < 2; ++i) {
-            const Value& v = *values[i];
-            if (v.text != nullptr) {
-                properties_put_string_dup(lists[i].get(), v.key, v.text);
-            } else {
-                properties_put_long_dup(lists[i].get(), v.key, v.number);
-            }
+            const char* kv = i == 0 ? pattern : subject;
+            const std::string key(kv, 1);
+            if (kv[2] == '#')
+                properties_put_long_dup(lists[i].get(), key.c_str(), std::atoi(kv + 3));
+            if (kv[2] != '#') properties_put_string_dup(lists[i].get(), key.c_str(), kv + 2);
         }
-        const Property* pattern = lists[0].get()->buffer;
-        const Property* subject = lists[1].get()->buffer;
-        EXPECT_EQ(property_match(pattern, subject), c.match);
-        EXPECT_EQ(property_equal(pattern, subject), c.equal);
+        const Property *a = lists[0].get()->buffer, *b = lists[1].get()->buffer;
+        EXPECT_EQ(property_match(a, b), match) << pattern << " against " << subject;
+        EXPECT_EQ(property_equal(a, b), equal) << pattern << " against " << subject;
     }
 }
 
