@@ -20,18 +20,7 @@ done
 echo "=== fuzz (${fuzz_seconds}s per target)"
 cmake --preset fuzz >/dev/null
 cmake --build --preset fuzz
-shopt -s nullglob
-for target in build/fuzz/fuzz/*_fuzz; do
-  name=$(basename "$target" _fuzz)
-  name=${name#*_}
-  corpus=fuzz/corpus/$name
-  work=$(mktemp -d)
-  [[ -d $corpus ]] && cp -r "$corpus"/. "$work"/ 2>/dev/null || true
-  echo "--- $(basename "$target")"
-  (cd "$work" && "$OLDPWD/$target" -max_total_time="$fuzz_seconds" -print_final_stats=0 \
-     -artifact_prefix="$work/" . 2>&1 | tail -n 3) || { echo "fuzz target $target failed"; ls "$work"; exit 1; }
-  rm -rf "$work"
-done
+bash scripts/fuzz.sh "$fuzz_seconds"
 
 sems_after=$(ipcs -s | awk '$1 ~ /^0x/ {print $2}' | sort)
 left=$(comm -13 <(echo "$sems_before") <(echo "$sems_after") | grep -c . || true)

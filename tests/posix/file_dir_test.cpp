@@ -54,7 +54,7 @@ TEST_F(PalFile, Records) {
     const std::string fPath = Path("f"), missingPath = Path("missing");
     const std::string slash = dir_ + "/";  // a trailing separator
     const char *f = fPath.c_str(), *missing = missingPath.c_str(), *dir = dir_.c_str();
-    PalFileHandle none{nullptr}, bad{nullptr}, temp{nullptr};
+    PalFileHandle none{nullptr}, bad{nullptr}, temp{nullptr}, stdio[3]{};
     PalInt64 size = 0;
     PalUint32 count = 0;
     char buf[PAL_PATH_MAX], name[PAL_PATH_MAX];
@@ -82,6 +82,9 @@ TEST_F(PalFile, Records) {
         {"SetGroup", PalFileSetGroup("root", missing), {kSys, ENOENT, 4}},
         {"GetLocation", PalFileGetLocation(none, &size), {kArg, 0, 0}},
         {"GetAcl", PalFileGetAcl(nullptr, "a", nullptr), {PAL_ERR_NOT_SUPPORTED, 0, 0}},
+        {"GetStdIn", PalFileGetStdIn(&stdio[0]), kOk},
+        {"GetStdOut", PalFileGetStdOut(&stdio[1]), kOk},
+        {"GetStdErr", PalFileGetStdErr(&stdio[2]), kOk},
         {"TempFilename foreign", PalFileTempFilename("C:\\t", buf, 8), {kArg, 0, 1}},
         {"TempFilename", PalFileTempFilename(missing, buf, 8), {PAL_ERR_NO_ENTRY, 0, 2}},
         {"TempFilename", PalFileTempFilename(slash.c_str(), name, PAL_PATH_MAX), kOk},
@@ -103,17 +106,21 @@ TEST_F(PalFile, Records) {
         {"DirRead, end", PalDirReadDirectory(buf, listing), {PAL_ERR_NO_ENTRY, 0, 3}},
         {"DirClose", PalDirClose(listing), kOk},
     });
-    struct stat file, sub;  // the temporary file and the new directory are the owner's alone
-    ASSERT_EQ(fstat(fanout::pal_fd(temp), &file), 0);
-    ASSERT_EQ(stat(Path("d").c_str(), &sub), 0);
-    EXPECT_EQ(file.st_mode & 0777, 0700u);
-    EXPECT_EQ(sub.st_mode & 0777, 0700u);
-    ExpectRecord(PalFileClose(temp), kOk);
-    EXPECT_EQ(size, -1);
-    EXPECT_EQ(count, 0x013u);  // and the host's bits are 0640
+    // What the rows left behind.
+    for (int fd = 0; fd < 3; ++fd) EXPECT_EQ(fanout::pal_fd(stdio[fd]), fd);
+    for (PalFileHandle& h : stdio) PalMemoryFree(h.handle);  // the descriptors stay open
+    EXPECT_EQ(size, -1);                                     // GetSize on the failed open
+    EXPECT_NE(dh.handle, nullptr);  // DirOpen hands the handle out although the open failed
+    EXPECT_EQ(count, 0x013u);       // GetPermissions; the host's bits are 0640
     EXPECT_EQ(std::filesystem::status(f).permissions(), std::filesystem::perms(0640));
-    EXPECT_EQ(std::string(name).rfind(dir_ + "/file", 0), 0u) << name;
+    EXPECT_EQ(std::string(name).rfind(dir_ + "/file", 0), 0u) << name;  // exactly one '/'
     EXPECT_EQ(std::string(name).size(), dir_.size() + 11) << name;
+    EXPECT_TRUE(PalDirIsDirectory(dir));
+    EXPECT_FALSE(PalDirIsDirectory(f));
+    struct stat file, sub;  // the temporary file and the new directory are the owner's alone
+    EXPECT_EQ(fstat(fanout::pal_fd(temp), &file) == 0 ? file.st_mode & 0777 : 0, 0700u);
+    EXPECT_EQ(stat(Path("d").c_str(), &sub) == 0 ? sub.st_mode & 0777 : 0, 0700u);
+    ExpectRecord(PalFileClose(temp), kOk);
 }
 
 TEST_F(PalFile, SeekOriginsAndSizesBeyond32Bits) {

@@ -80,6 +80,7 @@ TEST(PalList1, GrowsByIncrementAndReportsCapacityAsSize) {
 TEST(PalList1, RefusesBadArguments) {
     ListGuard g;
     EXPECT_EQ(PalList1Create(&g.list, INT32_MAX, 1), -1);  // beyond the allocator's sizes
+    EXPECT_EQ(PalList1Create(&g.list, -1, 1), -1);
     EXPECT_EQ(g.list, nullptr);
     ASSERT_EQ(PalList1Create(&g.list, 1, 1), 0);
     PalIterator it{};

@@ -80,9 +80,6 @@ TEST_P(PropertiesFile, EveryValueTypeAndTheEmptyListRoundTrip) {
     EXPECT_EQ(properties_get_short(b, "short"), -2);  // sign-extended
     EXPECT_EQ(properties_get_ulong(b, "ulong"), 4000000000u);
     EXPECT_EQ(*static_cast<int32_t*>(properties_get_any(b, "any")->_value), 77);
-    PropertiesList* pl = properties_get_properties_list(b, "properties_list");
-    ASSERT_EQ(pl->length, 1u);
-    EXPECT_STREQ(properties_get_string(&pl->buffer[0], "nested"), "yes");
 }
 
 // Saving over a longer file truncates it; a new file is private to its owner.
@@ -118,13 +115,10 @@ std::vector<std::pair<Bytes, Raised>> hostile_files(const Layout& layout, const 
     auto short_read = [&](int64_t count) { return Raised{19, {path, std::to_string(count), "0"}}; };
     std::vector<std::pair<Bytes, Raised>> cases;
     for (size_t cut = 0; cut < good.size(); ++cut) {
-        // A short read of the length word reports the word as it stands (in
-        // host order); while the version word is read it is still 0.
-        uint32_t word = n;
-        if (cut < h) {
-            word = 0;
-            if (cut > h - 4) std::memcpy(&word, good.data() + h - 4, cut - (h - 4));
-        }
+        // A short read of the header reports the length word as it stands:
+        // 0 during the version word, then partly filled (host order).
+        uint32_t word = cut >= h ? n : 0;
+        if (cut < h && cut > h - 4) std::memcpy(&word, good.data() + h - 4, cut - (h - 4));
         cases.emplace_back(Bytes(good.begin(), good.begin() + static_cast<long>(cut)),
                            h > 0 ? short_read(word) : Raised{35, {}});
     }

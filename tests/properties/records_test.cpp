@@ -90,15 +90,17 @@ TEST(MessageRecord, DefaultsOfAMinimalMessage) {
 
 // A fault "-key" removes a key, "key" stores a ulong (no field is one):
 // required keys missing raise 36, a field of the wrong type 37 even when it is
-// optional, and the first fault in reading order is reported. Neither record
-// leaks the copy of the list it was reading.
+// optional, and the first fault in reading order is reported. No record (S
+// segment, T table of contents, M message) leaks the copy it was reading.
 TEST(Records, MissingOrMistypedKeysRaise) {
+    // clang-format off
     const std::tuple<char, Strings, Raised> cases[] = {
         {'S', {"-id"}, {36, {"id"}}},     {'S', {"-version"}, {36, {"version"}}},
         {'S', {"size"}, {37, {"size"}}},  {'S', {"del_at_src"}, {37, {"del_at_src"}}},
+        {'T', {"-version"}, {36, {"version"}}},
         {'M', {"-type"}, {36, {"type"}}}, {'M', {"-recv_meth"}, {36, {"recv_meth"}}},
-        {'M', {"args"}, {37, {"args"}}},  {'M', {"pri", "-recv_meth", "size"}, {37, {"size"}}},
-    };
+        {'M', {"args"}, {37, {"args"}}},  {'M', {"pri", "-recv_meth", "size"}, {37, {"size"}}}};
+    // clang-format on
     for (const auto& [record, faults, raised] : cases) {
         ScopedList list;  // a valid segment and a valid message at once
         properties_put_short_dup(list.get(), "type", 1);
@@ -109,7 +111,9 @@ TEST(Records, MissingOrMistypedKeysRaise) {
             if (k[0] != '-') properties_put_ulong_dup(list.get(), k.c_str(), 1);
         }
         EXPECT_EQ(raised_by([&, r = record] {
+                      PropertiesList toc{1, 1, list.get()};  // borrows the list
                       if (r == 'S') segment_new_from_properties(list.get());
+                      if (r == 'T') toc_new_from_properties(&toc);
                       if (r == 'M') message_new_from_properties(list.get());
                   }),
                   raised);
