@@ -99,13 +99,12 @@ FANOUT_EXPORT int32_t mrt_get_config_from_file(const char* filespec, const char*
 // "." for a relative one.
 FANOUT_EXPORT char* CorrectPath(const char* path, int32_t flags) {
     if (path == nullptr) return nullptr;
-    std::string source;
+    std::string prefix;
     if (flags == 1 && path[0] != '/') {
         std::unique_ptr<char, fanout::LineFree> cwd(getcwd(nullptr, 0));
-        if (cwd) source = cwd.get();
-        source += '/';
+        prefix = cwd ? std::string(cwd.get()) + "/" : std::string("/");
     }
-    source += path;
+    const std::string source = prefix + std::string(path);
     bool absolute = !source.empty() && source[0] == '/';
     std::string result;
     size_t i = 0;
@@ -119,7 +118,7 @@ FANOUT_EXPORT char* CorrectPath(const char* path, int32_t flags) {
         }
         i = slash + 1;
     }
-    if (result.empty()) result = absolute ? "/" : ".";
+    if (result.empty()) result.assign(1, absolute ? '/' : '.');
     return mg_strdup(result.c_str());
 }
 
