@@ -23,7 +23,7 @@ inline void prefault_for_write(void* block, std::size_t bytes) noexcept {
 #ifndef MADV_POPULATE_WRITE
 #define MADV_POPULATE_WRITE 23
 #endif
-    constexpr std::size_t kWorthIt = std::size_t{1} << 20;
+    constexpr std::size_t kWorthIt = std::size_t{8} << 20;
     if (block == nullptr || bytes < kWorthIt) return;
     const std::uintptr_t page = 4096;
     const std::uintptr_t first = (reinterpret_cast<std::uintptr_t>(block) + page - 1) & ~(page - 1);
