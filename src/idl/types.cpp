@@ -14,19 +14,11 @@
 #include "fanout/fanout2.h"
 #include "fanout/runtime.h"
 #include "fanout/types.h"
+#include "runtime/typecode_internal.h"
 
 namespace {
 
-// The alignment a C compiler gives a member of type T inside a structure.
-template <typename T>
-struct AlignProbe {
-    char c;
-    T v;
-};
-template <typename T>
-constexpr uint32_t member_align() {
-    return static_cast<uint32_t>(offsetof(AlignProbe<T>, v));
-}
+using fanout::member_align;
 
 template <typename Seq>
 constexpr TypeCodeRec sequence_rec(const char* reg_name, const TypeCodeRec* const* element) {

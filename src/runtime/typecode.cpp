@@ -23,17 +23,7 @@
 
 namespace {
 
-// The alignment a C compiler gives a member of type T inside a structure
-// (on i386 that is 4 for 64-bit integers and doubles, not alignof's 8).
-template <typename T>
-struct AlignProbe {
-    char c;
-    T v;
-};
-template <typename T>
-constexpr uint32_t member_align() {
-    return static_cast<uint32_t>(offsetof(AlignProbe<T>, v));
-}
+using fanout::member_align;
 
 constexpr TypeCodeRec basic_rec(uint32_t kind, const char* name, uint32_t size, uint32_t align) {
     return TypeCodeRec{kind, -1, "", name, name, size, align, 0, 0, nullptr, nullptr, nullptr};

@@ -14,6 +14,18 @@
 
 namespace fanout {
 
+// The alignment a C compiler gives a member of type T inside a structure
+// (on i386 that is 4 for 64-bit integers and doubles, not alignof's 8).
+template <typename T>
+struct AlignProbe {
+    char c;
+    T v;
+};
+template <typename T>
+constexpr uint32_t member_align() {
+    return static_cast<uint32_t>(offsetof(AlignProbe<T>, v));
+}
+
 // Follows aliases to the type they name. Null stays null; a malformed alias
 // (no member type) or a chain longer than 64 links gives null.
 TypeCode tc_unalias(TypeCode tc) noexcept;
