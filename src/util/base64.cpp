@@ -122,12 +122,50 @@ inline void EncodeSix(const uint8_t* in, char* dest) {
     std::memcpy(dest, &out, 8);
 }
 
-// The work-buffer rule: a block of (n rounded down to 4096) + 4096 bytes,
-// zero-filled. Null when that does not fit the allocator's 32-bit size.
-uint8_t* AllocBuffer(uint64_t n) {
-    const uint64_t capacity = (n / 4096) * 4096 + 4096;
-    if (capacity > static_cast<uint64_t>(INT32_MAX)) return nullptr;
-    return static_cast<uint8_t*>(PalMemoryCalloc(1, static_cast<PalInt32>(capacity)));
+// A work buffer: {data, capacity, length}. AllocEncode and AllocDecode
+// prepare one for n bytes by the same rule: when the capacity is below n the
+// old block is freed and a new one of (n rounded down to 4096) + 4096 bytes
+// taken; the whole capacity is zero-filled and the length set to 0. False
+// (and an empty buffer) when the block cannot be had, which includes a size
+// beyond the allocator's 32-bit range.
+struct WorkBuffer {
+    uint8_t* data = nullptr;
+    uint64_t capacity = 0;
+    uint64_t length = 0;
+};
+
+bool AllocEncode(WorkBuffer& b, uint64_t n) {
+    if (b.capacity < n || b.data == nullptr) {
+        PalMemoryFree(b.data);
+        b = WorkBuffer{};
+        const uint64_t capacity = (n / 4096) * 4096 + 4096;
+        if (capacity > static_cast<uint64_t>(INT32_MAX)) return false;
+        // Fresh from calloc, so already zero-filled.
+        b.data = static_cast<uint8_t*>(PalMemoryCalloc(1, static_cast<PalInt32>(capacity)));
+        if (b.data == nullptr) return false;
+        b.capacity = capacity;
+    } else {
+        std::memset(b.data, 0, static_cast<size_t>(b.capacity));
+    }
+    b.length = 0;
+    return true;
+}
+
+bool AllocDecode(WorkBuffer& b, uint64_t n) { return AllocEncode(b, n); }
+
+// The decode table is built at compile time; init is kept as the step that
+// readies the codec before each decode and reports success.
+PalError init() { return PalErrorCreate(PAL_OK, 0, 0); }
+
+// A group of up to four values being collected, and its count.
+struct Group {
+    uint8_t values[4];
+    int count;
+};
+
+void Clear(Group& g) {
+    std::memset(g.values, 0, sizeof g.values);
+    g.count = 0;
 }
 
 // One three-byte group to four digits (no padding).
@@ -180,8 +218,9 @@ FANOUT_EXPORT void Encode(const void* data, PalUint32 len, PalChar** out, PalUin
     if (data == nullptr && len > 0) return;
     // The output block is prepared for twice the input, as it always was;
     // the text needs only 4/3 of it, so the zero fill terminates it.
-    auto* text = reinterpret_cast<char*>(AllocBuffer(2 * uint64_t{len}));
-    if (text == nullptr) return;
+    WorkBuffer output;
+    if (!AllocEncode(output, 2 * uint64_t{len})) return;
+    auto* text = reinterpret_cast<char*>(output.data);
     prefault_for_write(text, 4 * ((size_t{len} + 2) / 3));
     const auto* in = static_cast<const uint8_t*>(data);
     const uint32_t whole = len / 3 * 3;
@@ -209,27 +248,29 @@ FANOUT_EXPORT PalError Decode(const PalChar* text, PalUint32 len, PalUint8** out
     *out = nullptr;
     *outLen = 0;
     if (text == nullptr && len > 0) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 1);
-    uint8_t* bytes = AllocBuffer(len);
-    if (bytes == nullptr) return PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 2);
+    init();
+    WorkBuffer output;
+    if (!AllocDecode(output, len)) return PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 2);
+    uint8_t* bytes = output.data;
     prefault_for_write(bytes, size_t{len} / 4 * 3 + 3);
 
     const auto* in = reinterpret_cast<const uint8_t*>(text);
     uint8_t* dest = bytes;
-    uint8_t group[4];
-    int kept = 0;
+    Group group;
+    Clear(group);
     uint32_t i = 0;
     while (i < len) {
         // Runs of whole groups with nothing to skip take the short way;
         // anything else goes one character at a time.
         if constexpr (std::endian::native == std::endian::little) {
-            if (kept == 0 && len - i >= 8 && DecodeEight(in + i, dest)) {
+            if (group.count == 0 && len - i >= 8 && DecodeEight(in + i, dest)) {
                 dest += 6;
                 i += 8;
                 dest[0] = dest[1] = 0;  // the spill of the 64-bit store
                 continue;
             }
         }
-        if (kept == 0 && len - i >= 4 && !kBadMime[in[i]] && !kBadMime[in[i + 1]] &&
+        if (group.count == 0 && len - i >= 4 && !kBadMime[in[i]] && !kBadMime[in[i + 1]] &&
             !kBadMime[in[i + 2]] && !kBadMime[in[i + 3]]) {
             const uint8_t d[4] = {m_DecodeTable[in[i]], m_DecodeTable[in[i + 1]],
                                   m_DecodeTable[in[i + 2]], m_DecodeTable[in[i + 3]]};
@@ -240,20 +281,20 @@ FANOUT_EXPORT PalError Decode(const PalChar* text, PalUint32 len, PalUint8** out
         }
         const uint8_t c = in[i++];
         if (kBadMime[c]) continue;
-        group[kept++] = m_DecodeTable[c];
-        if (kept == 4) {
-            DecodeRaw(group, dest);
+        group.values[group.count++] = m_DecodeTable[c];
+        if (group.count == 4) {
+            DecodeRaw(group.values, dest);
             dest += 3;
-            kept = 0;
+            Clear(group);
         }
     }
     PalUint32 count = static_cast<PalUint32>(dest - bytes);
-    if (kept > 0) {
-        // Left-over characters decode as a group completed with zeros and
-        // count as many bytes as there were characters.
-        for (int k = kept; k < 4; ++k) group[k] = 0;
-        DecodeRaw(group, dest);
-        count += static_cast<PalUint32>(kept);
+    if (group.count > 0) {
+        // Left-over characters decode as a group completed with zeros (the
+        // cleared rest of the group) and count as many bytes as there were
+        // characters.
+        DecodeRaw(group.values, dest);
+        count += static_cast<PalUint32>(group.count);
     }
     *out = bytes;
     *outLen = count;
