@@ -9,6 +9,8 @@ bash scripts/deps.sh
 fuzz_seconds=${FANOUT_FUZZ_SECONDS:-30}
 
 sems_before=$(ipcs -s | awk '$1 ~ /^0x/ {print $2}' | sort)
+scratch() { ls -d /tmp/fanout* /tmp/depot_test_* 2>/dev/null | sort || true; }
+scratch_before=$(scratch)
 
 for preset in dev asan; do
   echo "=== $preset"
@@ -27,6 +29,12 @@ left=$(comm -13 <(echo "$sems_before") <(echo "$sems_after") | grep -c . || true
 if [[ $left -ne 0 ]]; then
   echo "the suite left $left semaphore set(s) behind"
   ipcs -s
+  exit 1
+fi
+left=$(comm -13 <(echo "$scratch_before") <(scratch) | grep -v '^$' || true)
+if [[ -n $left ]]; then
+  echo "the suite left scratch files behind:"
+  echo "$left"
   exit 1
 fi
 echo "all tests passed"
