@@ -59,6 +59,36 @@ struct TagContent {
 
 TagContent FindTagContent(const PalChar* text, const char* tag) noexcept;
 
+// The elements of an entry file, in the order the template writes them.
+enum class EntryTag {
+    kId,
+    kVersion,
+    kReferenceCount,
+    kState,
+    kChecksum,
+    kDeadline,
+    kLocation,
+    kProperties,
+};
+
+// The elements of one entry-file text, each found as FindTagContent finds it.
+// A text laid out exactly as the Depot writes it (the template's elements in
+// order, no content holding a '<', nothing after the final '>') is split in
+// one pass when constructed; for such a text every element the tag scanner
+// finds is the one at its place in the layout, so the answers are the same.
+// Any other text is searched element by element on demand. The text must
+// outlive the view.
+class EntryText {
+  public:
+    explicit EntryText(const PalChar* text) noexcept;
+    TagContent Get(EntryTag tag) const noexcept;
+
+  private:
+    const PalChar* text_;
+    bool split_ = false;
+    TagContent parts_[8];
+};
+
 // A numeric content converted as strtol(base 10) does, clamped to 32 bits.
 PalInt32 ParseTagNumber(const TagContent& content) noexcept;
 

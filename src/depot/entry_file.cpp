@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "depot/depot_internal.h"
 #include "fanout/base64.h"
@@ -33,6 +34,10 @@ constexpr PalInt32 kTemplateBytes = 169;  // 168 characters and the zero byte
 static_assert(sizeof(kTemplate) == kTemplateBytes, "entry-file template changed");
 
 constexpr PalInt32 kReadOnly = 0x1;
+
+// Entry files up to this size, zero byte included, are read into a buffer on
+// the stack: the template, a key, a path and a modest property list.
+constexpr PalInt32 kSmallText = 2048;
 
 const char* OrNull(const char* s) noexcept {
     return s != nullptr ? s : "(null)";
@@ -138,7 +143,91 @@ TagContent FindTagContent(const PalChar* text, const char* tag) noexcept {
     return content;
 }
 
+namespace {
+
+struct TagName {
+    const char* text;
+    std::size_t length;
+};
+
+constexpr TagName kTagNames[8] = {{"id", 2},       {"version", 7},    {"reference_count", 15},
+                                  {"state", 5},    {"checksum", 8},   {"deadline", 8},
+                                  {"location", 8}, {"properties", 10}};
+
+constexpr bool NameLengthsHold() {
+    for (const TagName& name : kTagNames)
+        if (std::char_traits<char>::length(name.text) != name.length) return false;
+    return true;
+}
+static_assert(NameLengthsHold(), "an element name's length is wrong");
+
+}  // namespace
+
+// Why the split gives the scanner's answers: an element is found where its
+// name follows a '<' and is followed by '>' (or a blank or '/'), and closed
+// where "</" precedes the name and '>' follows it. With no '<' inside any
+// content, the only '<' characters are the template's own, so the first
+// place either pattern occurs for a name is the template's tag of that name
+// (no name in the template is another's prefix followed by one of those
+// characters). An occurrence inside a content that the scanner rejects moves
+// its cursor at most to the end of that occurrence, which cannot pass the
+// '<' of the real tag, as no name holds a '<'. The final '>' keeps every
+// closing tag off the region's last character.
+EntryText::EntryText(const PalChar* text) noexcept : text_(text) {
+    if (text == nullptr) return;
+    const PalChar* end = text + std::strlen(text);  // the region ends at the first zero byte
+    // True when the n characters at `at` lie before the end and equal `s`.
+    auto matches = [end](const PalChar* at, const char* s, std::size_t n) noexcept {
+        return static_cast<std::size_t>(end - at) >= n && std::memcmp(at, s, n) == 0;
+    };
+    if (!matches(text, "<", 1)) return;
+    const PalChar* p = text + 1;
+    TagContent parts[8];
+    for (int i = 0; i < 8; ++i) {
+        const TagName& name = kTagNames[i];
+        // "<name>"
+        if (!matches(p, "<", 1) || !matches(p + 1, name.text, name.length) ||
+            !matches(p + name.length + 1, ">", 1))
+            return;
+        p += name.length + 2;
+        const auto* lt =
+            static_cast<const PalChar*>(std::memchr(p, '<', static_cast<std::size_t>(end - p)));
+        if (lt == nullptr) return;
+        parts[i].data = p;
+        parts[i].size = static_cast<std::size_t>(lt - p);
+        // "</name>"
+        if (!matches(lt + 1, "/", 1) || !matches(lt + 2, name.text, name.length) ||
+            !matches(lt + name.length + 2, ">", 1))
+            return;
+        p = lt + name.length + 3;
+    }
+    if (end - p != 1 || *p != '>') return;
+    for (int i = 0; i < 8; ++i) parts_[i] = parts[i];
+    split_ = true;
+}
+
+TagContent EntryText::Get(EntryTag tag) const noexcept {
+    auto i = static_cast<int>(tag);
+    if (split_) return parts_[i];
+    return FindTagContent(text_, kTagNames[i].text);
+}
+
 PalInt32 ParseTagNumber(const TagContent& content) noexcept {
+    // What the Depot writes ("%d": digits after an optional '-', at most nine
+    // of them here) is converted directly; it gives what strtol gives. Every
+    // other content, blanks, signs, long or saturating numbers included, goes
+    // through strtol below.
+    if (content.data != nullptr && content.size != 0 && content.size <= 10) {
+        const PalChar* p = content.data;
+        const PalChar* end = p + content.size;
+        bool negative = *p == '-';
+        if (negative) ++p;
+        if (p != end && end - p <= 9) {
+            PalInt32 value = 0;
+            for (; p != end && *p >= '0' && *p <= '9'; ++p) value = value * 10 + (*p - '0');
+            if (p == end) return negative ? -value : value;
+        }
+    }
     // Longer contents than any 32-bit number are cut to the scratch text.
     char scratch[32] = {};
     std::size_t n = content.size < sizeof scratch - 1 ? content.size : sizeof scratch - 1;
@@ -150,7 +239,13 @@ PalInt32 ParseTagNumber(const TagContent& content) noexcept {
     return static_cast<PalInt32>(value);
 }
 
-ReadResult ReadWholeFile(const PalChar* path, PalChar** buffer, PalInt32* capacity) noexcept {
+namespace {
+
+// Reads the whole file at `path`. The text goes into `fixed` (fixedBytes bytes,
+// may be null) when size + 1 bytes fit there, otherwise into *buffer, grown as
+// ReadWholeFile describes; *text points at whichever was used.
+ReadResult ReadWholeFileInto(const PalChar* path, PalChar* fixed, PalInt32 fixedBytes,
+                             PalChar** buffer, PalInt32* capacity, PalChar** text) noexcept {
     ReadResult result;
     PalFileHandle file{};
     result.error = PalFileOpen(&file, path, kReadOnly);
@@ -172,21 +267,25 @@ ReadResult ReadWholeFile(const PalChar* path, PalChar** buffer, PalInt32* capaci
         return result;
     }
     auto need = static_cast<PalInt32>(size + 1);
-    if (*buffer == nullptr || *capacity < need) {
-        auto* grown = static_cast<PalChar*>(PalMemoryRealloc(*buffer, need));
-        if (grown == nullptr) {
-            CloseQuietly(&file);
-            result.failure = ReadFailure::kAlloc;
-            return result;
+    PalChar* into = fixed;
+    if (fixed == nullptr || need > fixedBytes) {
+        if (*buffer == nullptr || *capacity < need) {
+            auto* grown = static_cast<PalChar*>(PalMemoryRealloc(*buffer, need));
+            if (grown == nullptr) {
+                CloseQuietly(&file);
+                result.failure = ReadFailure::kAlloc;
+                return result;
+            }
+            *buffer = grown;
+            *capacity = need;
         }
-        *buffer = grown;
-        *capacity = need;
+        into = *buffer;
     }
     auto total = static_cast<PalUint32>(0);
     auto wanted = static_cast<PalUint32>(size);
     while (total < wanted) {
         PalUint32 count = 0;
-        result.error = PalFileRead(file, *buffer + total, wanted - total, &count);
+        result.error = PalFileRead(file, into + total, wanted - total, &count);
         if (result.error.palError != PAL_OK) {
             CloseQuietly(&file);
             result.failure = ReadFailure::kRead;
@@ -195,25 +294,27 @@ ReadResult ReadWholeFile(const PalChar* path, PalChar** buffer, PalInt32* capaci
         if (count == 0) break;  // the file shrank meanwhile
         total += count;
     }
-    (*buffer)[total] = '\0';
+    into[total] = '\0';
     CloseQuietly(&file);
     result.error = Ok();
     result.length = total;
+    *text = into;
     return result;
 }
 
-void ReloadEntryFromText(DepotEntry* entry, const PalChar* text) noexcept {
+// Refreshes `entry` from the elements of an entry-file text.
+void ReloadFromText(DepotEntry* entry, const EntryText& text) noexcept {
     Logger(3, "DepotEntryReloadFromToc_internal entry\n");
-    TagContent c = FindTagContent(text, "id");
+    TagContent c = text.Get(EntryTag::kId);
     if (c.present()) ReplaceString(&entry->id, c);
-    if ((c = FindTagContent(text, "version")).present()) ReplaceString(&entry->version, c);
-    if ((c = FindTagContent(text, "location")).present()) ReplaceString(&entry->location, c);
-    if ((c = FindTagContent(text, "reference_count")).present())
+    if ((c = text.Get(EntryTag::kVersion)).present()) ReplaceString(&entry->version, c);
+    if ((c = text.Get(EntryTag::kLocation)).present()) ReplaceString(&entry->location, c);
+    if ((c = text.Get(EntryTag::kReferenceCount)).present())
         entry->referenceCount = ParseTagNumber(c);
-    if ((c = FindTagContent(text, "state")).present()) entry->state = ParseTagNumber(c);
-    if ((c = FindTagContent(text, "checksum")).present()) entry->checksum = ParseTagNumber(c);
-    if ((c = FindTagContent(text, "deadline")).present()) entry->deadline = ParseTagNumber(c);
-    if ((c = FindTagContent(text, "properties")).present()) {
+    if ((c = text.Get(EntryTag::kState)).present()) entry->state = ParseTagNumber(c);
+    if ((c = text.Get(EntryTag::kChecksum)).present()) entry->checksum = ParseTagNumber(c);
+    if ((c = text.Get(EntryTag::kDeadline)).present()) entry->deadline = ParseTagNumber(c);
+    if ((c = text.Get(EntryTag::kProperties)).present()) {
         if (c.size == 0) {
             PalMemoryFree(entry->properties);
             entry->properties = nullptr;
@@ -231,6 +332,17 @@ void ReloadEntryFromText(DepotEntry* entry, const PalChar* text) noexcept {
     Logger(3, "DepotEntryReloadFromToc_internal exit\n");
 }
 
+}  // namespace
+
+ReadResult ReadWholeFile(const PalChar* path, PalChar** buffer, PalInt32* capacity) noexcept {
+    PalChar* text = nullptr;
+    return ReadWholeFileInto(path, nullptr, 0, buffer, capacity, &text);
+}
+
+void ReloadEntryFromText(DepotEntry* entry, const PalChar* text) noexcept {
+    ReloadFromText(entry, EntryText(text));
+}
+
 bool VerifyEntry(DepotEntry* entry) noexcept {
     Logger(3, "DepotVerifyEntry_internal entry\n");
     // Read without the entry lock: this is the hot path of repeated lookups.
@@ -238,9 +350,14 @@ bool VerifyEntry(DepotEntry* entry) noexcept {
     // itself cannot be fooled by a rewrite in progress; what the refresh may
     // take from a half-rewritten file (counters, location, properties) is
     // re-read under the lock before anything is written back.
-    PalChar* text = nullptr;
+    // An entry file of usual size is read into the stack; only a larger one
+    // costs an allocation.
+    PalChar small[kSmallText];
+    PalChar* heap = nullptr;
     PalInt32 capacity = 0;
-    ReadResult r = ReadWholeFile(entry->entryFilePath, &text, &capacity);
+    PalChar* text = nullptr;
+    ReadResult r =
+        ReadWholeFileInto(entry->entryFilePath, small, kSmallText, &heap, &capacity, &text);
     const char* path = OrNull(entry->entryFilePath);
     switch (r.failure) {
         case ReadFailure::kNone:
@@ -262,42 +379,48 @@ bool VerifyEntry(DepotEntry* entry) noexcept {
             break;
     }
     if (r.failure != ReadFailure::kNone) {
-        PalMemoryFree(text);
+        PalMemoryFree(heap);
         return false;
     }
-    bool match = FindTagContent(text, "id").Equals(entry->id) &&
-                 FindTagContent(text, "version").Equals(entry->version);
-    ReloadEntryFromText(entry, text);
-    PalMemoryFree(text);
+    // The text is split once and serves both the check and the refresh.
+    EntryText elements(text);
+    bool match = elements.Get(EntryTag::kId).Equals(entry->id) &&
+                 elements.Get(EntryTag::kVersion).Equals(entry->version);
+    ReloadFromText(entry, elements);
+    PalMemoryFree(heap);
     Logger(3, "DepotVerifyEntry_internal exit\n");
     return match;
 }
 
 PalError SyncSharedCounters(DepotEntry* entry) noexcept {
-    PalChar* text = nullptr;
+    PalChar small[kSmallText];
+    PalChar* heap = nullptr;
     PalInt32 capacity = 0;
-    ReadResult r = ReadWholeFile(entry->entryFilePath, &text, &capacity);
+    PalChar* text = nullptr;
+    ReadResult r =
+        ReadWholeFileInto(entry->entryFilePath, small, kSmallText, &heap, &capacity, &text);
     PalError status = Ok();
     if (r.failure == ReadFailure::kOpen && r.error.nativeError == ENOENT) {
         status = PalErrorCreate(PAL_ERR_NO_ENTRY, ENOENT, 1);  // deleted meanwhile
     } else if (r.failure == ReadFailure::kNone) {
-        if (!FindTagContent(text, "id").Equals(entry->id) ||
-            !FindTagContent(text, "version").Equals(entry->version)) {
+        EntryText elements(text);
+        if (!elements.Get(EntryTag::kId).Equals(entry->id) ||
+            !elements.Get(EntryTag::kVersion).Equals(entry->version)) {
             status = PalErrorCreate(PAL_ERR_NO_ENTRY, 0, 2);  // the path now holds another key
         } else {
-            TagContent c = FindTagContent(text, "reference_count");
+            TagContent c = elements.Get(EntryTag::kReferenceCount);
             if (c.present()) entry->referenceCount = ParseTagNumber(c);
-            if ((c = FindTagContent(text, "deadline")).present())
+            if ((c = elements.Get(EntryTag::kDeadline)).present())
                 entry->deadline = ParseTagNumber(c);
             // The location never changes after the entry is added; taking it
             // from the file undoes a copy read while another process was
             // rewriting it.
-            if ((c = FindTagContent(text, "location")).present() && !c.Equals(entry->location))
+            if ((c = elements.Get(EntryTag::kLocation)).present() && !c.Equals(entry->location))
                 ReplaceString(&entry->location, c);
             // Likewise the properties, which never change after the addition.
             PalUint8* decoded = nullptr;
             PalUint32 decodedLength = 0;
-            if ((c = FindTagContent(text, "properties")).present() && c.size != 0 &&
+            if ((c = elements.Get(EntryTag::kProperties)).present() && c.size != 0 &&
                 DecodeProperties(c, &decoded, &decodedLength)) {
                 PalMemoryFree(entry->properties);
                 entry->properties = decoded;
@@ -307,7 +430,7 @@ PalError SyncSharedCounters(DepotEntry* entry) noexcept {
     }
     // Any other read failure leaves the record as it is; the write that
     // follows reports its own error if the file is really unusable.
-    PalMemoryFree(text);
+    PalMemoryFree(heap);
     return status;
 }
 
@@ -423,11 +546,13 @@ DepotEntry* ParseEntryText(DepotHandle* handle, const PalChar* text, bool entryL
     DepotEntry* entry = DepotEntryNew();
     if (entry == nullptr) return nullptr;
 
-    static constexpr const char* kTags[] = {"id",    "version",  "location", "reference_count",
-                                            "state", "checksum", "deadline", "properties"};
+    static constexpr EntryTag kTags[] = {
+        EntryTag::kId,    EntryTag::kVersion,  EntryTag::kLocation, EntryTag::kReferenceCount,
+        EntryTag::kState, EntryTag::kChecksum, EntryTag::kDeadline, EntryTag::kProperties};
+    EntryText elements(text);
     TagContent c[8];
     bool ok = true;
-    for (int i = 0; i < 8 && ok; ++i) ok = (c[i] = FindTagContent(text, kTags[i])).present();
+    for (int i = 0; i < 8 && ok; ++i) ok = (c[i] = elements.Get(kTags[i])).present();
     if (ok) ok = (entry->id = CopyContent(c[0])) != nullptr;
     if (ok) ok = (entry->version = CopyContent(c[1])) != nullptr;
     if (ok) ok = (entry->location = CopyContent(c[2])) != nullptr;

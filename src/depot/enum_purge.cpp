@@ -97,7 +97,10 @@ DepotEntry* DepotEntryEnumNextElement(DepotEnum* enumerator) noexcept {
     // Entry files are read under the entry lock so that none is seen half
     // rewritten; the walk goes on without it when it cannot be had.
     DepotLock entryLock(&handle->entryLock, "DepotEntryEnumNextElement error %d releasing lock\n");
-    (void)entryLock.Acquire();
+    if (const PalError taken = entryLock.Acquire(); taken.palError != PAL_OK) {
+        Logger(1, "DepotEntryEnumNextElement continue.  Error %d(%d) obtaining entry lock\n", taken.palError,
+               taken.nativeError);
+    }
     PalChar name[PAL_PATH_MAX + 1];
     PalChar* buffer = nullptr;
     PalInt32 capacity = 0;

@@ -82,7 +82,10 @@ DepotEntry* ScanBucket(DepotHandle* handle, const PalChar* bucket, const PalChar
     // The entry files are read under the entry lock, so that none is seen
     // half rewritten by another process; without the lock the scan still runs.
     DepotLock entryLock(&handle->entryLock, "DepotGetEntry_internal error %d releasing lock\n");
-    (void)entryLock.Acquire();
+    if (const PalError taken = entryLock.Acquire(); taken.palError != PAL_OK) {
+        Logger(1, "DepotGetEntry_internal continue.  Error %d(%d) obtaining entry lock\n", taken.palError,
+               taken.nativeError);
+    }
     PalChar name[PAL_PATH_MAX + 1];
     PalChar* buffer = nullptr;  // reused for every file of the scan
     PalInt32 capacity = 0;
@@ -103,8 +106,9 @@ DepotEntry* ScanBucket(DepotHandle* handle, const PalChar* bucket, const PalChar
             PalMemoryFree(path);
             break;
         }
-        if (FindTagContent(buffer, "id").Equals(id) &&
-            FindTagContent(buffer, "version").Equals(version)) {
+        EntryText elements(buffer);
+        if (elements.Get(EntryTag::kId).Equals(id) &&
+            elements.Get(EntryTag::kVersion).Equals(version)) {
             found = ParseEntryText(handle, buffer, entryLock.held());
             if (found == nullptr) {
                 Logger(1, "DepotGetEntry_internal call to DepotEntryNewFromToc returned null\n");
