@@ -80,8 +80,9 @@ struct ShiftedTables {
 constexpr ShiftedTables kShifted;
 
 // Eight characters with none to skip to six bytes through one 64-bit store
-// (two bytes past them are written too; the caller has the room and clears
-// them). False, and nothing written, when one of them is to be skipped.
+// (the two bytes past them are written as zeros, so the block stays
+// zero-filled beyond the decoded bytes; the caller has the room). False, and
+// nothing written, when one of them is to be skipped.
 inline bool DecodeEight(const uint8_t* in, uint8_t* dest) {
     const auto& t = kShifted.t;
     const uint32_t a = t[0][in[0]] | t[1][in[1]] | t[2][in[2]] | t[3][in[3]];
@@ -266,7 +267,6 @@ FANOUT_EXPORT PalError Decode(const PalChar* text, PalUint32 len, PalUint8** out
             if (group.count == 0 && len - i >= 8 && DecodeEight(in + i, dest)) {
                 dest += 6;
                 i += 8;
-                dest[0] = dest[1] = 0;  // the spill of the 64-bit store
                 continue;
             }
         }

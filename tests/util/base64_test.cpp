@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
@@ -122,6 +123,19 @@ TEST(Base64, GroupHelpersAndNullArguments) {
     PalChar* out = reinterpret_cast<PalChar*>(1);
     Encode(nullptr, 5, &out, &len);
     EXPECT_EQ(out, nullptr);
+}
+
+TEST(Base64, DecodedBlockIsZeroBeyondTheBytes) {
+    // Whole runs of eight characters take the 64-bit path; nothing it writes
+    // may show past the decoded bytes.
+    for (const char* text : {"TWFuTWFu", "TWFuTWFuTWFuTWFu", "TWFu\nTWFuTWFuTWFu"}) {
+        PalUint8* out = nullptr;
+        PalUint32 len = 0;
+        ASSERT_EQ(Decode(text, static_cast<PalUint32>(strlen(text)), &out, &len).palError, PAL_OK);
+        EXPECT_EQ(out[len], 0) << text;
+        EXPECT_EQ(out[len + 1], 0) << text;
+        PalMemoryFree(out);
+    }
 }
 
 }  // namespace
