@@ -183,8 +183,7 @@ Session::Session(const std::string& directory, uint32_t sizeKiB) : directory_(di
     if (sizeKiB != 0) {
         // The balance starts at the limit in every process; what the depot
         // already holds counts against it.
-        const uint32_t used = StoredKiB();
-        handle_->availableSpace = sizeKiB > used ? sizeKiB - used : 0;
+        DepotReserveDiskSpace(handle_, std::min(StoredKiB(), sizeKiB));
     }
 }
 
