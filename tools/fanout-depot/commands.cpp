@@ -128,7 +128,7 @@ std::string BaseName(const std::string& path) {
 }  // namespace
 
 int Describe(const Options& o) {
-    Session s(ResolveDepotDir(o.depot), o.sizeKiB);
+    Session s(ResolveDepotDir(o.depot), 0);  // only an add spends the balance
     const uint32_t temporary = s.TemporaryKiB();
     const uint32_t stored = s.StoredKiB();
     // Every data file in the directory is stored; those of entries still in
@@ -305,7 +305,7 @@ int List(const Options& o, const std::vector<std::string>& args) {
     }
     SegmentName wanted;
     if (!filter.empty()) wanted = ParseSegmentName(filter);
-    Session s(ResolveDepotDir(o.depot), o.sizeKiB);
+    Session s(ResolveDepotDir(o.depot), 0);  // only an add spends the balance
     std::vector<EntryInfo> shown;
     for (auto& e : s.Entries()) {
         if (filter.empty() || (e.id == wanted.id && e.version == wanted.version)) {
@@ -351,7 +351,7 @@ int List(const Options& o, const std::vector<std::string>& args) {
 int Delete(const Options& o, const std::vector<std::string>& args) {
     if (args.size() != 1) throw UsageError("delete needs one id^version");
     const SegmentName name = ParseSegmentName(args[0]);
-    Session s(ResolveDepotDir(o.depot), o.sizeKiB);
+    Session s(ResolveDepotDir(o.depot), 0);  // only an add spends the balance
     DepotEntry* e = DepotGetEntry(s.handle(), name.id.c_str(), name.version.c_str());
     if (e == nullptr) throw Failure(Message(158, {name.Text()}));
     if (e->state != 1) {
@@ -371,7 +371,7 @@ int Delete(const Options& o, const std::vector<std::string>& args) {
 int Purge(const Options& o, const std::vector<std::string>& args) {
     const bool expired = args.size() == 1 && args[0] == "--expired";
     if (!args.empty() && !expired) throw UsageError("purge takes only --expired");
-    Session s(ResolveDepotDir(o.depot), o.sizeKiB);
+    Session s(ResolveDepotDir(o.depot), 0);  // only an add spends the balance
     const PalError e =
         expired ? DepotPurgeExpiredEntries(s.handle()) : DepotPurge(s.handle(), PAL_FALSE);
     if (e.palError != PAL_OK && e.palError != PAL_ERR_NO_MORE) {
