@@ -28,5 +28,8 @@
 #include "message.h"
 #include "keys.h"
 #include "depot.h"
+#include "transport.h"
+#include "stream.h"
+#include "ferry.h"
 
 #endif /* FANOUT_FANOUT_H */
