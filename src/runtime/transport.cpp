@@ -160,6 +160,7 @@ class Deadline {
     // What poll() should wait: -1 for ever, else the milliseconds left
     // (rounded up, so a wait never ends just short of the deadline), 0 when
     // the time is up.
+    bool forever() const { return forever_; }
     int remaining_ms() const {
         if (forever_) return -1;
         int64_t left = end_ns_ - now_ns();
@@ -383,8 +384,12 @@ void wait_for(FanoutChannel* ch, short events, const Deadline& deadline) {
 // Receives up to `n` octets into `dst`. Returns the count, 0 when the peer has
 // gone, or -1 when nothing is there and `deadline` is null (do not wait).
 ssize_t receive_some(FanoutChannel* ch, void* dst, size_t n, const Deadline* deadline) {
+    // Without a time-out a blocking receive costs one call where a look and
+    // a poll would cost three (a socket the caller made non-blocking still
+    // answers EAGAIN, and then waits in poll).
+    const int flags = deadline != nullptr && deadline->forever() ? 0 : MSG_DONTWAIT;
     while (!ch->peer_gone) {
-        ssize_t r = recv(ch->fd, dst, n, MSG_DONTWAIT);
+        ssize_t r = recv(ch->fd, dst, n, flags);
         if (r > 0) return r;
         if (r == 0) break;
         if (errno == EINTR) continue;
@@ -535,11 +540,12 @@ void send_frame(FanoutChannel* ch, uint32_t type, iovec* parts, int count) {
     }
     iovec* next = iov;
     Deadline deadline(ch->timeout_ms);
+    const int flags = MSG_NOSIGNAL | (deadline.forever() ? 0 : MSG_DONTWAIT);
     while (n > 0) {
         msghdr msg{};
         msg.msg_iov = next;
         msg.msg_iovlen = static_cast<size_t>(n);
-        ssize_t sent = sendmsg(ch->fd, &msg, MSG_NOSIGNAL | MSG_DONTWAIT);
+        ssize_t sent = sendmsg(ch->fd, &msg, flags);
         if (sent < 0) {
             if (errno == EINTR) continue;
             if (errno == EAGAIN || errno == EWOULDBLOCK) {
