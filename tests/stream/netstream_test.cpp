@@ -186,115 +186,84 @@ TEST_P(NetStreamTest, StatusOctetsDataPauseCancel) {
     EXPECT_EQ(reap(reader), 0);
 }
 
-TEST_P(NetStreamTest, BlockwiseWriteEmptyEndAndNegativeReplies) {
-    Link link(GetParam());
-    pid_t writer = spawn([&] {
-        link.attach_child();
-        NetStream* s = open(3);
-        const std::string bytes = pattern(40000);
-        bool ok = net_stream_write_begin(s) == 0 && net_stream_write(s, bytes.data(), 40000) == 40000 &&
-                  s->fill == 7232 && net_stream_write_end(s) == 0;
-        ok = ok && net_stream_write_begin(s) == 0 && net_stream_write_end(s) == 0;  // empty
-        ok = ok && net_stream_write_begin(s) == NET_STREAM_PAUSED;                   // refused
-        ok = ok && net_stream_write_begin(s) == 0 &&
-             net_stream_write(s, bytes.data(), 20000) == NET_STREAM_CANCELLED;
-        net_stream_release(s);
-        return ok;
-    });
-    Channel ch = link.peer();
-    fanout_peer_accept_methstat(ch.get(), nullptr);
-    fanout_peer_reply(ch.get(), FANOUT_MSG_METHSTAT, 16384);
-    EXPECT_EQ(take_blocks(ch.get(), nullptr), (std::vector<int64_t>{16384, 16384, 7232, -1}));
-    fanout_peer_accept_methstat(ch.get(), nullptr);
-    fanout_peer_reply(ch.get(), FANOUT_MSG_METHSTAT, 16384);
-    EXPECT_EQ(take_blocks(ch.get(), nullptr), (std::vector<int64_t>{-1}));
-    fanout_peer_accept_methstat(ch.get(), nullptr);
-    fanout_peer_reply(ch.get(), FANOUT_MSG_METHSTAT, NET_STREAM_PAUSED);
-    EXPECT_EQ(take_blocks(ch.get(), nullptr), (std::vector<int64_t>{-1})) << "end after refusal";
-    fanout_peer_accept_methstat(ch.get(), nullptr);
-    fanout_peer_reply(ch.get(), FANOUT_MSG_METHSTAT, 16384);
-    EXPECT_EQ(take_blocks(ch.get(), nullptr, NET_STREAM_CANCELLED),
-              (std::vector<int64_t>{16384, -1}));
-    EXPECT_EQ(reap(writer), 0);
+// Answers a method status with `size`.
+void begin(FanoutChannel* ch, int32_t size) {
+    fanout_peer_accept_methstat(ch, nullptr);
+    fanout_peer_reply(ch, FANOUT_MSG_METHSTAT, size);
 }
 
-TEST_P(NetStreamTest, SendFileFromOffsetAndTheZeroByteReadBuffer) {
+TEST_P(NetStreamTest, WriteDirectionBlocksRepliesAndSendFile) {
     const std::string bytes = pattern(50000, 9);
     write_file(work / "seg.dat", bytes);
     Link link(GetParam());
     pid_t writer = spawn([&] {
         link.attach_child();
-        NetStream* fresh = open(3);
-        bool ok = net_stream_send_file(fresh, (work / "seg.dat").c_str(), 0) == 0;
-        net_stream_release(fresh);
         NetStream* s = open(3);
-        ok = ok && net_stream_write_begin(s) == 0 && net_stream_write_end(s) == 0;
+        // A fresh stream's send_file reads with block size 0: begin and end only.
+        bool ok = net_stream_send_file(s, (work / "seg.dat").c_str(), 0) == 0;
+        ok = ok && net_stream_write_begin(s) == 0 && net_stream_write(s, bytes.data(), 40000) == 40000 &&
+             s->fill == 7232 && net_stream_write_end(s) == 0;
+        ok = ok && net_stream_write_begin(s) == 0 && net_stream_write_end(s) == 0;  // empty
+        ok = ok && net_stream_write_begin(s) == NET_STREAM_PAUSED;                   // refused
+        ok = ok && net_stream_write_begin(s) == 0 &&
+             net_stream_write(s, bytes.data(), 20000) == NET_STREAM_CANCELLED;
         ok = ok && net_stream_send_file(s, (work / "seg.dat").c_str(), 1000) == 0;
         net_stream_release(s);
         return ok;
     });
     Channel ch = link.peer();
-    for (int round = 0; round < 3; ++round) {
-        fanout_peer_accept_methstat(ch.get(), nullptr);
-        fanout_peer_reply(ch.get(), FANOUT_MSG_METHSTAT, 16384);
-        std::string got;
-        auto blocks = take_blocks(ch.get(), &got);
-        if (round < 2) {
-            EXPECT_EQ(blocks, (std::vector<int64_t>{-1})) << "round " << round;
-        } else {
-            EXPECT_EQ(got, bytes.substr(1000));
-        }
-    }
+    using Blocks = std::vector<int64_t>;
+    begin(ch.get(), 16384);
+    EXPECT_EQ(take_blocks(ch.get(), nullptr), Blocks{-1});
+    begin(ch.get(), 16384);
+    EXPECT_EQ(take_blocks(ch.get(), nullptr), (Blocks{16384, 16384, 7232, -1}));
+    begin(ch.get(), 16384);
+    EXPECT_EQ(take_blocks(ch.get(), nullptr), Blocks{-1});
+    begin(ch.get(), NET_STREAM_PAUSED);
+    EXPECT_EQ(take_blocks(ch.get(), nullptr), Blocks{-1}) << "the end follows a refusal";
+    begin(ch.get(), 16384);
+    EXPECT_EQ(take_blocks(ch.get(), nullptr, NET_STREAM_CANCELLED), (Blocks{16384, -1}));
+    begin(ch.get(), 16384);
+    std::string got;
+    take_blocks(ch.get(), &got);
+    EXPECT_EQ(got, bytes.substr(1000)) << "sent from the checkpoint offset";
     EXPECT_EQ(reap(writer), 0);
 }
 
-bool connection_lost(const fanout::Exception& e) { return e.number() == 101; }
-
-TEST_P(NetStreamTest, PeerVanishingMidReadRaises) {
-    Link link(GetParam());
-    pid_t reader = spawn([&] {
-        link.attach_child();
-        NetStream* s = open(2);
-        std::string got;
-        try {
-            read_all(s, &got);
-        } catch (const fanout::Exception& e) {
-            net_stream_close(s);
-            return connection_lost(e) && got == "abc";
-        }
-        return false;
-    });
-    {
-        Channel r = link.peer();
-        void* toc = nullptr;
-        uint32_t len = 0;
-        fanout_peer_recv_toc(r.get(), &toc, &len);
-        fanout_peer_send_block(r.get(), FANOUT_STATUS_DATA, "abc", 3);
-    }  // the peer goes away here
-    EXPECT_EQ(reap(reader), 0);
-}
-
-TEST_P(NetStreamTest, PeerVanishingMidWriteRaisesWithoutSigpipe) {
-    Link link(GetParam());
-    pid_t writer = spawn([&] {
-        link.attach_child();
-        NetStream* s = open(3);
-        const std::string bytes = pattern(1 << 20);
-        try {
-            net_stream_write_begin(s);
-            net_stream_write(s, bytes.data(), static_cast<int32_t>(bytes.size()));
-        } catch (const fanout::Exception& e) {
-            net_stream_release(s);
-            return connection_lost(e);
-        }
-        return false;
-    });
-    {
-        Channel w = link.peer();
-        fanout_peer_accept_methstat(w.get(), nullptr);
-        fanout_peer_reply(w.get(), FANOUT_MSG_METHSTAT, 16384);
+TEST_P(NetStreamTest, PeerVanishingMidReadOrMidWriteRaisesWithoutSigpipe) {
+    for (bool reading : {true, false}) {
+        Link link(GetParam());
+        pid_t child = spawn([&] {
+            link.attach_child();
+            NetStream* s = open(reading ? 2 : 3);
+            std::string got;
+            const std::string bytes = pattern(1 << 20);
+            try {
+                if (reading) {
+                    read_all(s, &got);
+                } else {
+                    net_stream_write_begin(s);
+                    net_stream_write(s, bytes.data(), static_cast<int32_t>(bytes.size()));
+                }
+            } catch (const fanout::Exception& e) {
+                net_stream_release(s);
+                return e.number() == 101 && got == (reading ? "abc" : "");
+            }
+            return false;
+        });
+        {
+            Channel ch = link.peer();
+            if (reading) {
+                void* toc = nullptr;
+                uint32_t len = 0;
+                fanout_peer_recv_toc(ch.get(), &toc, &len);
+                fanout_peer_send_block(ch.get(), FANOUT_STATUS_DATA, "abc", 3);
+            } else {
+                begin(ch.get(), 16384);
+            }
+        }  // the peer goes away here
+        EXPECT_EQ(reap(child), 0) << (reading ? "mid-read" : "mid-write");
     }
-    EXPECT_EQ(reap(writer), 0);
 }
 
 TEST_P(NetStreamTest, LocalReadsHonourPauseAndCancelControlBlocks) {
