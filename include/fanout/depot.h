@@ -19,6 +19,25 @@
  *   `entries` list; the caller gives it back with DepotFreeEntry (or hands it
  *   to an operation documented as releasing it) and never frees it directly.
  * - Sizes of the space accounting are in KiB (1024 bytes), unsigned 32-bit.
+ * - Lock modes. By default DepotNew (and DepotEnumNew) release their
+ *   semaphores once without taking them, which raises each count by one for
+ *   the life of the process: while N processes hold handles the locks admit
+ *   up to 1 + N holders and do not exclude. In strict mode (configuration key
+ *   "depot_strict_locks=1" in the file named by FANOUT_CONFIG, or environment
+ *   FANOUT_DEPOT_STRICT_LOCKS=1; the environment wins, and a program may
+ *   choose the mode used when neither says, DepotSetStrictLocksDefault) the
+ *   counts stay at one and DepotEntryModified releases the entry lock on
+ *   every path, so processes exclude each other. The mode is fixed for a
+ *   handle when DepotNew opens it.
+ * - Files. Every entry and data file is opened without following symbolic
+ *   links and only when it is a regular file; new ones are created
+ *   exclusively. An entry file whose location is not the plain name of its
+ *   own data file inside the depot directory counts as damaged: it is not
+ *   turned into a record, and nothing it names is ever opened or removed.
+ * - Writers. The process that adds an entry holds a lock on the new entry
+ *   file until the entry is complete or its record is released. An entry in
+ *   progress whose writer died (no lock held) is stale: an addition of its key
+ *   replaces it and purges remove it; a live writer's entry is left alone.
  */
 #ifndef FANOUT_DEPOT_H
 #define FANOUT_DEPOT_H
@@ -39,6 +58,7 @@ typedef struct DepotHandle {
     PalUint32 availableSpace; /* KiB still free for reservation */
     PalUint32 storageLimit;   /* configured size in KiB; 0: no accounting */
     PalList1* entries;        /* DepotEntry* records this process holds open */
+    PalBool strictLocks;      /* strict lock mode, fixed by DepotNew */
 } DepotHandle;
 
 /* Entry states. The Depot writes only 0 and 1; 2 is set by callers that use
@@ -65,6 +85,8 @@ typedef struct DepotEntry {
     PalChar* location;         /* file: full path of the data file (owned) */
     PalUint8* properties;      /* file (base64): encoded property list (owned) */
     PalUint32 propertiesLength; /* length of properties in bytes */
+    PalFileHandle writerLock;   /* this process's writer lock on the entry file
+                                 * while it adds the entry (owned; null else) */
 } DepotEntry;
 
 /* An enumeration over every entry file of a depot (DepotEnumNew). */
@@ -76,10 +98,18 @@ typedef struct DepotEnum {
 
 /* ---------------------------------------------------------------- handle */
 
+/* The lock mode used by later DepotNew calls of this process when neither
+ * the environment nor the configuration file chooses one (PAL_FALSE, the
+ * established behaviour, until a program says otherwise). The project's
+ * programs choose strict mode. */
+FANOUT_EXPORT void DepotSetStrictLocksDefault(PalBool strict) FANOUT_NOEXCEPT;
+
 /* Opens a depot over `directory` (null: "depot" relative to the current
  * directory), creating the directory when missing (failure to create it does
  * not fail the call), with a storage limit in KiB (0: no accounting). Creates
- * the lock files "depot.lk" and "entry.lk" in the current directory.
+ * the lock files "depot.lk" and "entry.lk" in the current directory. The
+ * handle's lock mode (strictLocks) is decided here: see the top of this
+ * file.
  * On success *handle receives a new handle the caller owns (DepotFree) and the
  * result is PAL_OK, or PAL_WAIT_TIMEOUT when the entry semaphore could not be
  * created and the failure was tolerated: treat a non-null *handle as success.
@@ -174,11 +204,16 @@ FANOUT_EXPORT DepotEntry* DepotGetEntry_internal(DepotHandle* handle, const PalC
 
 /* ------------------------------------------------------------ lifecycle */
 
-/* Adds the key as a new in-progress entry: writes its entry file, creates an
- * empty data file and returns the record (in the handle's list). When a
- * complete entry (state 1) exists it is returned instead; an entry in any
- * other state makes the call return null. `properties` (propertiesLength
- * bytes, may be null when 0) is copied. Null on every failure. */
+/* Adds the key as a new in-progress entry: creates its entry file and an
+ * empty data file, both exclusively, under the first sequence number whose
+ * names are both free, and returns the record (in the handle's list), which
+ * holds the writer lock until DepotCompleteEntry or the record's release.
+ * When a complete entry (state 1) exists it is returned instead; a stale
+ * in-progress entry (its writer died) is removed and the key added afresh;
+ * an entry in any other state makes the call return null. An id or version
+ * holding '<' or '>' (tag text) is refused. `properties` (propertiesLength
+ * bytes, may be null when 0) is copied. Null on every failure, leaving no
+ * file behind. */
 FANOUT_EXPORT DepotEntry* DepotAddEntry(DepotHandle* handle, const PalChar* id,
                                         const PalChar* version, const PalUint8* properties,
                                         PalUint32 propertiesLength) FANOUT_NOEXCEPT;
@@ -195,8 +230,10 @@ FANOUT_EXPORT PalError DepotSaveEntry_internal(DepotHandle* handle,
 FANOUT_EXPORT PalError DepotEntryChangeState(DepotHandle* handle, DepotEntry* entry,
                                              PalInt32 state) FANOUT_NOEXCEPT;
 
-/* Marks the entry complete: state 1, deadline raised to `deadline` when that
- * is later, one more reference; saves it, then releases the record
+/* Marks the entry complete: forces its data file and the depot directory
+ * out to the device, then sets state 1, raises the deadline to `deadline`
+ * when that is later, adds one reference, saves the entry file and forces it
+ * out too; then releases the record
  * (DepotFreeEntry): the caller must not use `entry` afterwards. The count and
  * deadline are re-read from the entry file first, so completions in other
  * processes add up. Returns the save status, or PAL_ERR_NO_ENTRY (nothing
@@ -217,14 +254,26 @@ FANOUT_EXPORT PalError DepotUnregisterEntry(DepotHandle* handle, DepotEntry* ent
 
 /* When the entry has no references (as its entry file says now), or `force`
  * is set, deletes its data file and then, only once the data file is gone, its
- * entry file; a path that now holds another key is left alone. Releases the
- * record either way (unless the entry lock cannot be taken). Returns the
- * status of the last deletion attempted, PAL_OK when none, or a lock error. */
+ * entry file; a path that now holds another key is left alone, and so is an
+ * entry in progress whose writer is another live record (PAL_ERR_BUSY).
+ * Releases the record either way (unless the entry lock cannot be taken).
+ * Returns the status of the last deletion attempted, PAL_OK when none, or a
+ * lock error. */
+#ifndef PAL_ERR_BUSY
+#define PAL_ERR_BUSY 16
+#endif
 FANOUT_EXPORT PalError DepotRemoveEntry(DepotHandle* handle, DepotEntry* entry,
                                         PalBool force) FANOUT_NOEXCEPT;
 /* DepotRemoveEntry without the depot lock. REQUIRES: depot lock held. */
 FANOUT_EXPORT PalError DepotRemoveEntry_internal(DepotHandle* handle, DepotEntry* entry,
                                                  PalBool force) FANOUT_NOEXCEPT;
+
+/* True when the entry is in progress and its writer is alive: this record
+ * holds the writer lock, or another open of the entry file (in this or
+ * another process) does. False for a stale entry, whose writer died or gave
+ * its record up, and when the entry file cannot be opened. */
+FANOUT_EXPORT PalBool DepotEntryWriterAlive(DepotHandle* handle,
+                                            DepotEntry* entry) FANOUT_NOEXCEPT;
 
 /* Takes the record off the handle's list and frees it; files are untouched.
  * Returns PAL_OK or a lock error (the record is then kept). */
@@ -258,7 +307,8 @@ FANOUT_EXPORT PalError DepotAdjustReservedSpace(DepotHandle* handle, const PalCh
                                                 const PalChar* version) FANOUT_NOEXCEPT;
 
 /* Stores the data file's size in entry->segmentSize (entry lock). Returns the
- * size query status. */
+ * size query status; a data file that is not a regular file (a link, for
+ * instance) fails it. */
 FANOUT_EXPORT PalError DepotSetSegmentSize(DepotHandle* handle, DepotEntry* entry) FANOUT_NOEXCEPT;
 
 /* The data file's size in *bytes (also stored in segmentSize), under the
@@ -283,26 +333,47 @@ FANOUT_EXPORT PalError DepotEnumNew(DepotHandle* handle, DepotEnum** enumerator)
  * held (the records join the handle's list). */
 FANOUT_EXPORT DepotEntry* DepotEntryEnumNextElement(DepotEnum* enumerator) FANOUT_NOEXCEPT;
 
+/* As DepotEntryEnumNextElement, but an entry file that cannot be read, is
+ * not a regular file, does not parse or names a location outside its own data
+ * file is skipped and counted in *skipped (when not null) instead of ending
+ * the walk. Null at the end. REQUIRES: depot lock held. */
+FANOUT_EXPORT DepotEntry* DepotEntryEnumNextReadable(DepotEnum* enumerator,
+                                                     PalUint32* skipped) FANOUT_NOEXCEPT;
+
 /* Closes the directory and this process's semaphore record and frees the
  * enumerator. Returns PAL_OK or the lock error (nothing freed). */
 FANOUT_EXPORT PalError DepotEntryEnumDelete(DepotEnum* enumerator) FANOUT_NOEXCEPT;
 
 /* Removes every entry of the depot (DepotRemoveEntry_internal with `force`):
- * without force only entries without references lose their files. Returns
- * the status of the last removal or the lock/enumerator error. */
+ * without force only entries without references lose their files. Entries
+ * in progress whose writer is alive are left alone. The walk ends at the
+ * first entry file that cannot be read. Returns the status of the last
+ * removal or the lock/enumerator error. */
 FANOUT_EXPORT PalError DepotPurge(DepotHandle* handle, PalBool force) FANOUT_NOEXCEPT;
 
 /* Deletes the files of every complete entry whose deadline has passed,
- * whatever its references. Returns the status of the last removal. */
+ * whatever its references. The walk ends at the first entry file that cannot
+ * be read. Returns the status of the last removal. */
 FANOUT_EXPORT PalError DepotPurgeExpiredEntries(DepotHandle* handle) FANOUT_NOEXCEPT;
+
+/* DepotPurge and DepotPurgeExpiredEntries walking the whole depot: entry
+ * files that cannot be used are skipped as by DepotEntryEnumNextReadable and
+ * counted in *unreadable (when not null; set to 0 first). */
+FANOUT_EXPORT PalError DepotPurgeCounting(DepotHandle* handle, PalBool force,
+                                          PalUint32* unreadable) FANOUT_NOEXCEPT;
+FANOUT_EXPORT PalError DepotPurgeExpiredCounting(DepotHandle* handle,
+                                                 PalUint32* unreadable) FANOUT_NOEXCEPT;
 
 /* ------------------------------------------------- data files, checkpoints */
 
 /* Opens the entry's data file for writing (read-write; emptied when
  * `truncate` is set, never created), counts the open and stamps
- * lastAccessTime and lastWriteTime with the current time. On success *file
- * receives the open file, owned by the caller (PalFileClose); on failure
- * *file->handle is null and the lock or open error is returned. */
+ * lastAccessTime and lastWriteTime with the current time. Only the entry's
+ * own data file in the depot directory is opened (else
+ * PAL_ERR_INVALID_ARGUMENT), never through a link and only when it is a
+ * regular file. On success *file receives the open file, owned by the caller
+ * (PalFileClose); on failure *file->handle is null and the lock or open error
+ * is returned. */
 FANOUT_EXPORT PalError DepotFileOpenForWrite(DepotHandle* handle, DepotEntry* entry,
                                              PalFileHandle* file,
                                              PalBool truncate) FANOUT_NOEXCEPT;
@@ -313,9 +384,10 @@ FANOUT_EXPORT PalError DepotFileOpenForRead(DepotHandle* handle, DepotEntry* ent
                                             PalFileHandle* file) FANOUT_NOEXCEPT;
 
 /* True when the cached entry's lastWriteTime differs from `stamp` (another
- * writer opened the data file since). On that answer the entry lock stays
- * held by this process until it ends. False for an unknown key or a lock
- * failure. */
+ * writer opened the data file since). On that answer, in the default lock
+ * mode, the entry lock stays held by this process until it ends (its unit
+ * from DepotNew keeps the process itself going); in strict mode it is
+ * released. False for an unknown key or a lock failure. */
 FANOUT_EXPORT PalBool DepotEntryModified(DepotHandle* handle, const PalChar* id,
                                          const PalChar* version,
                                          PalInt32 stamp) FANOUT_NOEXCEPT;

@@ -35,6 +35,10 @@ FANOUT_BEGIN_DECLS
 #define PAL_OPEN_CREATE 0x100    /* create when missing (permission 0600) */
 #define PAL_OPEN_TRUNCATE 0x200  /* truncate to 0 on open */
 #define PAL_OPEN_EXCLUSIVE 0x400 /* with CREATE: fail when the file exists */
+#define PAL_OPEN_NOFOLLOW 0x800  /* a symbolic link as last component fails (ELOOP) */
+#define PAL_OPEN_REGULAR 0x1000  /* only a regular file: opened without blocking, then
+                                  * checked; anything else fails (-4, EINVAL, 4) */
+#define PAL_OPEN_CLOEXEC 0x2000  /* not inherited by programs started with exec */
 
 /* Permission bits (PalFileInfo.mode, PalFileSetPermissions,
  * PalFileGetPermissions), host octal value alongside. 0x008 and 0x080 are
@@ -114,9 +118,14 @@ FANOUT_EXPORT PalError PalFileGetInfo(const PalChar* path, PalFileInfo* info) FA
 /* Opens `path` with the mapped `oflag` (a created file gets permission 0600)
  * and stores a newly allocated descriptor cell in handle_ptr->handle, even
  * when opening fails (the cell then holds -1): the caller always releases it
- * with PalFileClose. Checked localisation. Records: null path or handle_ptr
- * (21, 0, 1); not localisable (21, 0, 2); open failed (-4, errno, 3); no
- * memory for the cell (-4, ENOMEM, 3) with handle_ptr->handle null. */
+ * with PalFileClose. With PAL_OPEN_REGULAR the file is opened in non-blocking
+ * mode, so that a FIFO or device never blocks the open, and refused unless it
+ * is a regular file (the descriptor stays non-blocking, which changes nothing
+ * for a regular file). Checked localisation. Records: null path or
+ * handle_ptr (21, 0, 1); not localisable (21, 0, 2); open failed
+ * (-4, errno, 3); no memory for the cell (-4, ENOMEM, 3) with
+ * handle_ptr->handle null; not a regular file (-4, EINVAL, 4), or its status
+ * could not be read (-4, errno, 4), the cell then holding -1. */
 FANOUT_EXPORT PalError PalFileOpen(PalFileHandle* handle_ptr, const PalChar* path,
                                    PalInt32 oflag) FANOUT_NOEXCEPT;
 
@@ -129,6 +138,33 @@ FANOUT_EXPORT PalError PalFileClose(PalFileHandle handle) FANOUT_NOEXCEPT;
 /* Removes the file (or empty directory) at `path`. Checked localisation.
  * Records: null (21, 0, 1); not localisable (21, 0, 2); failed (-4, errno, 3). */
 FANOUT_EXPORT PalError PalFileRemove(const PalChar* path) FANOUT_NOEXCEPT;
+
+/* Removes `path` only when it is a regular file itself (a symbolic link, a
+ * directory, a FIFO or a device is left alone). Checked localisation.
+ * Records: null (21, 0, 1); not localisable (21, 0, 2); its status cannot be
+ * read (-4, errno, 3); not a regular file (-4, EINVAL, 4); removal failed
+ * (-4, errno, 5). */
+FANOUT_EXPORT PalError PalFileRemoveRegular(const PalChar* path) FANOUT_NOEXCEPT;
+
+/* As PalFileGetInfo, but without following a symbolic link, and only for a
+ * regular file. Records: null path or info (21, 0, 1); status failed
+ * (-4, errno, 2); not a regular file (-4, EINVAL, 3), *info untouched. */
+FANOUT_EXPORT PalError PalFileGetRegularInfo(const PalChar* path,
+                                             PalFileInfo* info) FANOUT_NOEXCEPT;
+
+/* True when both paths name the same file (same device and file number,
+ * following links). False when either is null or cannot be queried. */
+FANOUT_EXPORT PalBool PalFileIsSame(const PalChar* path1, const PalChar* path2) FANOUT_NOEXCEPT;
+
+/* Advisory lock on the whole open file, held by this open of it (not by the
+ * process): it ends when the handle is closed or the process ends, and a
+ * second open of the same file, even in the same process, conflicts with it.
+ * `exclusive` chooses an exclusive or a shared lock; without `wait` the call
+ * fails at once when a conflicting lock is held. Records: null handle
+ * (21, 0, 1); held elsewhere (-4, EWOULDBLOCK, 2); other failure
+ * (-4, errno, 2). */
+FANOUT_EXPORT PalError PalFileLock(PalFileHandle handle, PalBool exclusive,
+                                   PalBool wait) FANOUT_NOEXCEPT;
 
 /* Forces the file's buffered data out to the device (fsync). Records: null
  * handle (21, 0, 1); failed (-4, errno, 2), e.g. EINVAL for a pipe. */
@@ -282,6 +318,11 @@ FANOUT_EXPORT PalError PalDirClose(PalDirHandle handle) FANOUT_NOEXCEPT;
  * fname (21, 0, 0); reading failed (-4, errno, 2); no more entries
  * (2, 0, 3). */
 FANOUT_EXPORT PalError PalDirReadDirectory(PalChar* fname, PalDirHandle handle) FANOUT_NOEXCEPT;
+
+/* Forces the directory's own entries (names created, renamed or removed in
+ * it) out to the device. Unchecked localisation. Records: null path
+ * (21, 0, 0); open failed (-4, errno, 1); flush failed (-4, errno, 2). */
+FANOUT_EXPORT PalError PalDirFlush(const PalChar* path) FANOUT_NOEXCEPT;
 
 /* Removes the empty directory `path`. Unchecked localisation. Records: null
  * path (21, 0, 0); failed (-4, errno, 1). */

@@ -15,9 +15,19 @@ using namespace fanout;
 
 namespace {
 
-constexpr PalInt32 kDataRead = 0x8001;           // read only
-constexpr PalInt32 kDataWrite = 0x8004;          // read-write, no create, no truncate
-constexpr PalInt32 kDataWriteTruncate = 0x8204;  // read-write, truncate
+// Never through a link and never anything but a regular file, so that no
+// open escapes the depot or blocks on a FIFO; not inherited across exec.
+constexpr PalInt32 kSafe = PAL_OPEN_NOFOLLOW | PAL_OPEN_REGULAR | PAL_OPEN_CLOEXEC;
+constexpr PalInt32 kDataRead = 0x8001 | kSafe;           // read only
+constexpr PalInt32 kDataWrite = 0x8004 | kSafe;          // read-write, no create, no truncate
+constexpr PalInt32 kDataWriteTruncate = 0x8204 | kSafe;  // read-write, truncate
+
+// A record whose location is not its own data file inside the depot is
+// damaged: its location is refused like a file that cannot be opened.
+PalError CheckLocation(DepotHandle* handle, DepotEntry* entry) noexcept {
+    if (LocationIsOwn(handle, entry->location, entry->entryFilePath)) return Ok();
+    return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 3);
+}
 
 PalInt32 Now() noexcept {
     return static_cast<PalInt32>(std::time(nullptr));
@@ -42,7 +52,9 @@ PalError DepotFileOpenForWrite(DepotHandle* handle, DepotEntry* entry, PalFileHa
         return err;
     }
     PalFileHandle opened{};
-    err = PalFileOpen(&opened, entry->location, truncate ? kDataWriteTruncate : kDataWrite);
+    err = CheckLocation(handle, entry);
+    if (err.palError == PAL_OK)
+        err = PalFileOpen(&opened, entry->location, truncate ? kDataWriteTruncate : kDataWrite);
     if (err.palError != PAL_OK) {
         CloseQuietly(&opened);  // the layer hands back a cell even for a failed open
         lock.Release();
@@ -78,7 +90,8 @@ PalError DepotFileOpenForRead(DepotHandle* handle, DepotEntry* entry,
         return err;
     }
     PalFileHandle opened{};
-    err = PalFileOpen(&opened, entry->location, kDataRead);
+    err = CheckLocation(handle, entry);
+    if (err.palError == PAL_OK) err = PalFileOpen(&opened, entry->location, kDataRead);
     if (err.palError != PAL_OK) {
         CloseQuietly(&opened);
         lock.Release();
@@ -113,6 +126,13 @@ PalBool DepotEntryModified(DepotHandle* handle, const PalChar* id, const PalChar
         return PAL_FALSE;
     }
     if (entry->lastWriteTime != stamp) {
+        if (handle->strictLocks) {
+            // Strict mode: no unit of DepotNew would let this process take
+            // the lock again, so it is given back here.
+            lock.Release();
+            Logger(3, "DepotEntryModified exit\n");
+            return PAL_TRUE;
+        }
         // Answered with the entry lock still held and no exit trace: the
         // system gives the lock back when this process ends. This is the
         // store's established contract and callers rely on it.

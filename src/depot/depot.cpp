@@ -45,8 +45,35 @@
 //    does the same with its lock. Each such unmatched release raises the
 //    semaphore's count by one for the life of the releasing process (the
 //    system undoes it at exit). This is the established behaviour of the
-//    store and is kept; processes that need strict exclusion take the extra
-//    units back once after DepotNew.
+//    store and stays the default. In strict mode (handle->strictLocks,
+//    decided once by DepotNew from FANOUT_DEPOT_STRICT_LOCKS, else the
+//    configuration key "depot_strict_locks", else the program's choice) none
+//    of these releases happens, so every count stays at one and the locks
+//    exclude; DepotEntryModified then gives the entry lock back on its
+//    "modified" answer too, so that no process blocks on a lock it holds
+//    itself. Processes of both modes on one depot get the default's
+//    (non-)exclusion.
+//
+// 4a. Files. Entry and data files are opened without following symbolic
+//    links and only when they are regular files (a FIFO is never opened for
+//    a blocking read), and created exclusively: a new entry never replaces
+//    an existing file; on a clash the next free sequence number is taken.
+//    A location that is not "<directory>/<stem>.dat" for its entry file
+//    "<stem>.xml" makes the entry damaged: it is never turned into a record,
+//    so nothing outside the depot is ever opened, written or removed.
+//
+// 4b. Writers. DepotAddEntry creates the entry file and, with the same open,
+//    takes an exclusive advisory lock on it, kept in the record
+//    (writerLock) until the record is freed: by DepotCompleteEntry after
+//    state 1 is written, or when the writer gives the record up. The lock
+//    belongs to the open, so the system drops it when the writer dies. An
+//    entry in progress whose file nobody locks is stale: an add of its key
+//    removes it and starts afresh, purges remove it; one that is locked
+//    belongs to a live writer and no other record removes it.
+//
+// 4c. Durability. DepotCompleteEntry forces the data file and the directory
+//    out before it writes state 1, and the entry file after it: a completion
+//    that returned survives a crash whole.
 //
 // 5. Invariants the code keeps.
 //    5.1 A record is in `entries` at most once and is freed exactly once; a
@@ -72,20 +99,65 @@
 //        lookups of an entry this process holds are answered from `entries`
 //        after one check of its entry file.
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "depot/depot_internal.h"
 #include "fanout/log.h"
 #include "fanout/palfile.h"
 #include "fanout/palmemory.h"
+#include "fanout/runtime.h"
 
 namespace fanout {
 
 namespace {
 
-constexpr PalInt32 kCreateReadWrite = 0x104;  // create if absent, read-write, keep contents
+// Create if absent, read-write, keep contents; never through a link, never
+// anything but a regular file.
+constexpr PalInt32 kCreateReadWrite =
+    0x104 | PAL_OPEN_NOFOLLOW | PAL_OPEN_REGULAR | PAL_OPEN_CLOEXEC;
+
+// The mode a program chose for the case where neither the environment nor the
+// configuration file says.
+std::atomic<bool> strictDefault{false};
+
+// "1" strict, "0" not, anything else no opinion (-1).
+int SwitchValue(const char* text) noexcept {
+    if (text == nullptr) return -1;
+    if (std::strcmp(text, "1") == 0) return 1;
+    if (std::strcmp(text, "0") == 0) return 0;
+    return -1;
+}
+
+// The configuration file's "depot_strict_locks", or -1.
+int ConfiguredStrictLocks() noexcept {
+    int result = -1;
+    char* file = nullptr;
+    char* value = nullptr;
+    try {
+        file = mrt_get_config_filespec();
+        if (file != nullptr && mrt_get_config_from_file(file, "depot_strict_locks", &value) == 0)
+            result = SwitchValue(value);
+    } catch (...) {
+        // The runtime's allocator raises when memory runs out: no opinion.
+        result = -1;
+    }
+    mg_free(value);
+    mg_free(file);
+    return result;
+}
+
+// Decided once per handle: the environment first, then the configuration
+// file, then the program's choice.
+bool ResolveStrictLocks() noexcept {
+    int mode = SwitchValue(std::getenv("FANOUT_DEPOT_STRICT_LOCKS"));
+    if (mode < 0) mode = ConfiguredStrictLocks();
+    if (mode < 0) mode = strictDefault.load() ? 1 : 0;
+    return mode == 1;
+}
 
 // A semaphore whose creation failed and was tolerated has no record: every
 // operation on it reports the semaphore failure instead of touching it.
@@ -144,6 +216,10 @@ void Logger(PalInt32 level, const PalChar* format, ...) noexcept {
     // Handed over as an argument, so that a '%' inside a path or key is never
     // taken for a placeholder.
     LogMsg(level, nullptr, 0, -1, "%1$s", text);
+}
+
+void DepotSetStrictLocksDefault(PalBool strict) noexcept {
+    strictDefault.store(strict != PAL_FALSE);
 }
 
 PalError DepotSetDir_internal(DepotHandle* handle, const PalChar* directory) noexcept {
@@ -236,10 +312,14 @@ PalError DepotNew(DepotHandle** out, const PalChar* directory, PalUint32 storage
     }
 
     // Creating a semaphore does not take it; this release raises its count by
-    // one for the life of the process (see the design notes, 4).
-    err = SemPost(&handle->entryLock);
-    if (err.palError != PAL_OK)
-        Logger(1, "DepotSetDir error %d releasing entry lock\n", err.palError);
+    // one for the life of the process (see the design notes, 4). Not in
+    // strict mode.
+    handle->strictLocks = ResolveStrictLocks() ? PAL_TRUE : PAL_FALSE;
+    if (!handle->strictLocks) {
+        err = SemPost(&handle->entryLock);
+        if (err.palError != PAL_OK)
+            Logger(1, "DepotSetDir error %d releasing entry lock\n", err.palError);
+    }
 
     if (PalList1Create(&handle->entries, 256, 256) != 0) {
         SemClose(&handle->entryLock);
@@ -252,9 +332,11 @@ PalError DepotNew(DepotHandle** out, const PalChar* directory, PalUint32 storage
     handle->availableSpace = storageLimit;
     (void)DepotSetDir_internal(handle, directory);  // a missing directory is not fatal
 
-    err = SemPost(&handle->depotLock);
-    if (err.palError != PAL_OK)
-        Logger(1, "DepotSetDir error %d releasing depot lock\n", err.palError);
+    if (!handle->strictLocks) {
+        err = SemPost(&handle->depotLock);
+        if (err.palError != PAL_OK)
+            Logger(1, "DepotSetDir error %d releasing depot lock\n", err.palError);
+    }
 
     *out = handle;
     Logger(3, "DepotNew exit\n");
@@ -299,9 +381,11 @@ PalError DepotFree(DepotHandle* handle) noexcept {
     PalMemoryFree(handle->directory);
     handle->directory = nullptr;
 
-    PalError post = SemPost(&handle->entryLock);
-    if (post.palError != PAL_OK)
-        Logger(1, "DepotFree error %d releasing lock\n", post.palError);
+    if (!handle->strictLocks) {
+        PalError post = SemPost(&handle->entryLock);
+        if (post.palError != PAL_OK)
+            Logger(1, "DepotFree error %d releasing lock\n", post.palError);
+    }
     SemClose(&handle->entryLock);
     depot.Release();
     SemClose(&handle->depotLock);

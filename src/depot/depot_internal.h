@@ -113,7 +113,12 @@ DepotEntry* ParseEntryText(DepotHandle* handle, const PalChar* text, bool entryL
 // deleted entry, or overwrite another one). REQUIRES: entry lock held.
 PalError SyncSharedCounters(DepotEntry* entry) noexcept;
 
-// Frees the record's strings, properties and the record. No lock, no list.
+// Writes the record's entry file (DepotSaveEntry_internal), forcing it out to
+// the device when `flush` is set. REQUIRES: entry lock held.
+PalError SaveEntryFile(DepotHandle* handle, DepotEntry* entry, bool flush) noexcept;
+
+// Frees the record's strings, properties and the record, and gives up its
+// writer lock. No lock, no list.
 void FreeRecordFields(DepotEntry* entry) noexcept;
 
 // Takes `entry` (compared by address) off the handle's list when present.
@@ -130,6 +135,23 @@ PalChar* BuildEntryPath(const PalChar* dir, const PalChar* bucket, PalInt32 n,
 
 // Builds "<dir>/<name>", localised; null when out of memory.
 PalChar* BuildDirPath(const PalChar* dir, const PalChar* name) noexcept;
+
+// True when `s` holds '<' or '>', which no entry-file field may hold.
+bool HoldsTagText(const PalChar* s) noexcept;
+
+// True when `location` is a plain name ending in "dat" directly inside the
+// handle's directory (the same text, or the same directory by file identity)
+// and, when `entryFilePath` is given, the data file that belongs to that
+// entry file ("<stem>dat" beside "<stem>xml").
+bool LocationIsOwn(const DepotHandle* handle, const PalChar* location,
+                   const PalChar* entryFilePath) noexcept;
+
+// True when the entry's writer is alive: the record holds the writer lock, or
+// another open of its entry file does. Opens nothing but a regular file.
+bool WriterAlive(const DepotEntry* entry) noexcept;
+
+// Writes all `length` bytes of `text` at the file's position.
+PalError WriteWhole(PalFileHandle file, const PalChar* text, PalUint32 length) noexcept;
 
 // True when `name` is longer than three characters and ends in "xml".
 bool HasEntrySuffix(const PalChar* name) noexcept;

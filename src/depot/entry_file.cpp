@@ -33,7 +33,9 @@ constexpr char kTemplate[] =
 constexpr PalInt32 kTemplateBytes = 169;  // 168 characters and the zero byte
 static_assert(sizeof(kTemplate) == kTemplateBytes, "entry-file template changed");
 
-constexpr PalInt32 kReadOnly = 0x1;
+// Read only; never through a link, never anything but a regular file (a
+// FIFO named like an entry file must not block the reader).
+constexpr PalInt32 kReadOnly = 0x1 | PAL_OPEN_NOFOLLOW | PAL_OPEN_REGULAR | PAL_OPEN_CLOEXEC;
 
 // Entry files up to this size, zero byte included, are read into a buffer on
 // the stack: the template, a key, a path and a modest property list.
@@ -308,7 +310,11 @@ void ReloadFromText(DepotEntry* entry, const EntryText& text) noexcept {
     TagContent c = text.Get(EntryTag::kId);
     if (c.present()) ReplaceString(&entry->id, c);
     if ((c = text.Get(EntryTag::kVersion)).present()) ReplaceString(&entry->version, c);
-    if ((c = text.Get(EntryTag::kLocation)).present()) ReplaceString(&entry->location, c);
+    // The location is fixed when the entry is added and was checked when the
+    // record was built: a file that names another one now is not followed
+    // (SyncSharedCounters treats it as holding something else).
+    if (entry->location == nullptr && (c = text.Get(EntryTag::kLocation)).present())
+        ReplaceString(&entry->location, c);
     if ((c = text.Get(EntryTag::kReferenceCount)).present())
         entry->referenceCount = ParseTagNumber(c);
     if ((c = text.Get(EntryTag::kState)).present()) entry->state = ParseTagNumber(c);
@@ -412,16 +418,16 @@ PalError SyncSharedCounters(DepotEntry* entry) noexcept {
             if (c.present()) entry->referenceCount = ParseTagNumber(c);
             if ((c = elements.Get(EntryTag::kDeadline)).present())
                 entry->deadline = ParseTagNumber(c);
-            // The location never changes after the entry is added; taking it
-            // from the file undoes a copy read while another process was
-            // rewriting it.
+            // The location never changes after the entry is added: a file
+            // that names another one is not this entry's any more, and what
+            // it names is never touched.
             if ((c = elements.Get(EntryTag::kLocation)).present() && !c.Equals(entry->location))
-                ReplaceString(&entry->location, c);
+                status = PalErrorCreate(PAL_ERR_NO_ENTRY, 0, 3);
             // Likewise the properties, which never change after the addition.
             PalUint8* decoded = nullptr;
             PalUint32 decodedLength = 0;
-            if ((c = elements.Get(EntryTag::kProperties)).present() && c.size != 0 &&
-                DecodeProperties(c, &decoded, &decodedLength)) {
+            if (status.palError == PAL_OK && (c = elements.Get(EntryTag::kProperties)).present() &&
+                c.size != 0 && DecodeProperties(c, &decoded, &decodedLength)) {
                 PalMemoryFree(entry->properties);
                 entry->properties = decoded;
                 entry->propertiesLength = decodedLength;
@@ -436,6 +442,7 @@ PalError SyncSharedCounters(DepotEntry* entry) noexcept {
 
 void FreeRecordFields(DepotEntry* entry) noexcept {
     if (entry == nullptr) return;
+    CloseQuietly(&entry->writerLock);  // gives up the writer lock, if held
     PalMemoryFree(entry->id);
     PalMemoryFree(entry->version);
     PalMemoryFree(entry->entryFilePath);
@@ -467,6 +474,69 @@ PalChar* BuildDirPath(const PalChar* dir, const PalChar* name) noexcept {
     return path;
 }
 
+bool HoldsTagText(const PalChar* s) noexcept {
+    return s != nullptr && std::strpbrk(s, "<>") != nullptr;
+}
+
+bool LocationIsOwn(const DepotHandle* handle, const PalChar* location,
+                   const PalChar* entryFilePath) noexcept {
+    if (handle == nullptr || handle->directory == nullptr || location == nullptr) return false;
+    const PalChar* slash = std::strrchr(location, '/');
+    if (slash == nullptr) return false;
+    const PalChar* name = slash + 1;
+    std::size_t nameLength = std::strlen(name);
+    if (nameLength <= 3 || std::strcmp(name + nameLength - 3, "dat") != 0) return false;
+    if (entryFilePath != nullptr) {
+        // "<stem>dat" beside "<stem>xml": the entry's own data file.
+        const PalChar* entrySlash = std::strrchr(entryFilePath, '/');
+        const PalChar* entryName = entrySlash != nullptr ? entrySlash + 1 : entryFilePath;
+        std::size_t entryLength = std::strlen(entryName);
+        if (entryLength != nameLength || std::memcmp(entryName, name, nameLength - 3) != 0)
+            return false;
+    }
+    // The directory part must be the depot directory: the same text (the
+    // usual case), or another spelling of the same directory.
+    std::size_t dirLength = static_cast<std::size_t>(slash - location);
+    const PalChar* dir = handle->directory;
+    std::size_t ownLength = std::strlen(dir);
+    while (ownLength > 1 && dir[ownLength - 1] == '/') --ownLength;
+    if (dirLength == ownLength && std::memcmp(location, dir, dirLength) == 0) return true;
+    if (dirLength == 0 || dirLength >= PAL_PATH_MAX) return false;
+    PalChar parent[PAL_PATH_MAX];
+    std::memcpy(parent, location, dirLength);
+    parent[dirLength] = '\0';
+    return PalFileIsSame(parent, dir) != PAL_FALSE;
+}
+
+bool WriterAlive(const DepotEntry* entry) noexcept {
+    if (entry == nullptr) return false;
+    if (entry->writerLock.handle != nullptr) return true;  // this record is the writer
+    if (entry->entryFilePath == nullptr) return false;
+    PalFileHandle file{};
+    PalError err = PalFileOpen(&file, entry->entryFilePath, kReadOnly);
+    bool alive = false;
+    if (err.palError == PAL_OK) {
+        // A shared lock for a moment: refused only while a writer holds its
+        // exclusive one.
+        err = PalFileLock(file, PAL_FALSE, PAL_FALSE);
+        alive = err.palError != PAL_OK && err.nativeError == EWOULDBLOCK;
+    }
+    CloseQuietly(&file);
+    return alive;
+}
+
+PalError WriteWhole(PalFileHandle file, const PalChar* text, PalUint32 length) noexcept {
+    PalUint32 done = 0;
+    while (done < length) {
+        PalUint32 count = 0;
+        PalError err = PalFileWrite(file, text + done, length - done, &count);
+        if (err.palError != PAL_OK) return err;
+        if (count == 0) return PalErrorCreate(PAL_ERR_SYSTEM, 0, 0);
+        done += count;
+    }
+    return Ok();
+}
+
 bool HasEntrySuffix(const PalChar* name) noexcept {
     std::size_t n = std::strlen(name);
     return n > 3 && std::memcmp(name + n - 3, "xml", 3) == 0;
@@ -495,6 +565,10 @@ PalError DepotEntrySetProperties(DepotHandle* /*handle*/, DepotEntry* entry, Pal
     Logger(3, "DepotEntrySetProperties entry\n");
     if (entry == nullptr || text == nullptr || length == nullptr)
         return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
+    // No escaping exists: a field holding tag text would make a file that
+    // does not parse back, or parses as another entry.
+    if (HoldsTagText(entry->id) || HoldsTagText(entry->version) || HoldsTagText(entry->location))
+        return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 3);
     std::uint64_t size = std::uint64_t{PalStringLen(entry->id)} + PalStringLen(entry->version) +
                          PalStringLen(entry->location) + entry->propertiesLength + 200;
     TextBuilder b;

@@ -3,7 +3,10 @@
 // entries whose deadline has passed (DepotPurgeExpiredEntries).
 //
 // An entry file that cannot be read ends a walk early; that is how the store
-// has always behaved, and callers take the early end as the end.
+// has always behaved, and callers take the early end as the end. The counting
+// walk (DepotEntryEnumNextReadable, and the purges built on it) skips such a
+// file instead and counts it, so that one damaged file hides nothing.
+// Entries in progress whose writer is alive are never purged.
 
 #include <ctime>
 
@@ -75,15 +78,25 @@ PalError DepotEnumNew(DepotHandle* handle, DepotEnum** enumerator) noexcept {
     walk->depot = handle;
     *enumerator = walk;
     // Like DepotNew: a release without a take, raising the count by one for
-    // the life of the process.
-    err = PalPostSem(&walk->lock);
-    if (err.palError != PAL_OK)
-        Logger(1, "DepotEnumNew error %d releasing enum lock\n", err.palError);
+    // the life of the process; not in strict mode.
+    if (!handle->strictLocks) {
+        err = PalPostSem(&walk->lock);
+        if (err.palError != PAL_OK)
+            Logger(1, "DepotEnumNew error %d releasing enum lock\n", err.palError);
+    }
     Logger(3, "DepotEnumNew exit\n");
     return Ok();
 }
 
-DepotEntry* DepotEntryEnumNextElement(DepotEnum* enumerator) noexcept {
+}  // extern "C"
+
+namespace {
+
+// One step of a walk. Without `skipped` an entry file that cannot be read ends
+// the walk (the established behaviour); with it the file is counted there
+// and the walk goes on, as it does for files that do not parse or name a
+// location outside their own data file.
+DepotEntry* NextEntry(DepotEnum* enumerator, PalUint32* skipped, bool counting) noexcept {
     Logger(3, "DepotEntryEnumNextElement entry\n");
     if (enumerator == nullptr || enumerator->depot == nullptr) return nullptr;
     DepotHandle* handle = enumerator->depot;
@@ -98,9 +111,12 @@ DepotEntry* DepotEntryEnumNextElement(DepotEnum* enumerator) noexcept {
     // rewritten; the walk goes on without it when it cannot be had.
     DepotLock entryLock(&handle->entryLock, "DepotEntryEnumNextElement error %d releasing lock\n");
     if (const PalError taken = entryLock.Acquire(); taken.palError != PAL_OK) {
-        Logger(1, "DepotEntryEnumNextElement continue.  Error %d(%d) obtaining entry lock\n", taken.palError,
-               taken.nativeError);
+        Logger(1, "DepotEntryEnumNextElement continue.  Error %d(%d) obtaining entry lock\n",
+               taken.palError, taken.nativeError);
     }
+    auto count = [skipped, counting]() noexcept {
+        if (counting && skipped != nullptr) ++*skipped;
+    };
     PalChar name[PAL_PATH_MAX + 1];
     PalChar* buffer = nullptr;
     PalInt32 capacity = 0;
@@ -117,17 +133,30 @@ DepotEntry* DepotEntryEnumNextElement(DepotEnum* enumerator) noexcept {
         if (r.failure != ReadFailure::kNone) {
             LogWalkFailure(r, path);
             PalMemoryFree(path);
-            break;
+            if (!counting) break;
+            count();
+            continue;
         }
         found = ParseEntryText(handle, buffer, entryLock.held());
         if (found == nullptr) {
             Logger(1, "DepotEntryEnumNextElement null returned by DepotEntryNewFromToc\n");
             PalMemoryFree(path);
+            count();
             continue;
         }
-        found->entryFilePath = PalStringDup(path);
+        bool own = LocationIsOwn(handle, found->location, path);
+        found->entryFilePath = own ? PalStringDup(path) : nullptr;
         if (found->entryFilePath == nullptr) {
-            Logger(1, "DepotEntryEnumNextElement PalStringDup of %s failed\n", path);
+            if (own) {
+                Logger(1, "DepotEntryEnumNextElement PalStringDup of %s failed\n", path);
+            } else {
+                // Damaged: what it names is never opened or removed.
+                Logger(1,
+                       "DepotEntryEnumNextElement entry file %s names a location outside "
+                       "its data file\n",
+                       path);
+                count();
+            }
             // The caller holds the depot lock and this walk the entry lock:
             // the record is released here rather than through DepotFreeEntry.
             if (entryLock.held()) {
@@ -147,79 +176,46 @@ DepotEntry* DepotEntryEnumNextElement(DepotEnum* enumerator) noexcept {
     return found;
 }
 
-PalError DepotEntryEnumDelete(DepotEnum* enumerator) noexcept {
-    Logger(3, "DepotEntryEnumDelete entry\n");
-    if (enumerator == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
-    DepotLock lock(&enumerator->lock, "DepotEntryEnumDelete error %d releasing lock\n");
-    PalError err = lock.Acquire();
-    if (err.palError != PAL_OK) {
-        Logger(0, "DepotEntryEnumDelete exit.  Error %d(%d) obtaining lock\n", err.palError,
-               err.nativeError);
-        return err;
-    }
-    err = PalDirClose(enumerator->dir);
-    if (err.palError != PAL_OK)
-        Logger(1, "DepotEntryEnumDelete error %d closing directory handle\n", err.palError);
-    lock.Release();
-    err = PalCloseSem(&enumerator->lock);
-    if (err.palError != PAL_OK)
-        Logger(1, "DepotEntryEnumDelete error %d freeing lock\n", err.palError);
-    PalMemoryFree(enumerator);
-    Logger(3, "DepotEntryEnumDelete exit\n");
-    return Ok();
-}
-
-PalError DepotPurge(DepotHandle* handle, PalBool force) noexcept {
-    Logger(3, "DepotPurge entry\n");
+// DepotPurge (expiredOnly false) and DepotPurgeExpiredEntries (true), walking
+// with NextEntry; `counting` as there.
+PalError PurgeWalk(DepotHandle* handle, PalBool force, bool expiredOnly, bool counting,
+                   PalUint32* skipped) noexcept {
+    const char* const name = expiredOnly ? "DepotPurgeExpiredEntries" : "DepotPurge";
+    Logger(3, expiredOnly ? "DepotPurgeExpiredEntries entry\n" : "DepotPurge entry\n");
+    if (skipped != nullptr) *skipped = 0;
     if (handle == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
-    DepotLock depot(&handle->depotLock, "DepotPurge error %d releasing lock\n");
+    DepotLock depot(&handle->depotLock, expiredOnly
+                                            ? "DepotPurgeExpiredEntris error %d releasing lock\n"
+                                            : "DepotPurge error %d releasing lock\n");
     PalError err = depot.Acquire();
-    if (err.palError != PAL_OK) {
-        Logger(0, "DepotPurge exit.  Error %d(%d) obtaining lock\n", err.palError, err.nativeError);
-        return err;
-    }
-    DepotEnum* walk = nullptr;
-    err = DepotEnumNew(handle, &walk);
-    if (err.palError != PAL_OK) {
-        depot.Release();
-        Logger(0, "DepotPurge exit.  Error %d creating enumerator\n", err.palError);
-        return err;
-    }
-    PalError result = Ok();
-    while (DepotEntry* entry = DepotEntryEnumNextElement(walk)) {
-        // Without force only unreferenced entries lose their files; every
-        // record is freed either way.
-        result = DepotRemoveEntry_internal(handle, entry, force);
-        if (result.palError != PAL_OK)
-            Logger(1, "DepotPurge error %d removing depot entry\n", result.palError);
-    }
-    (void)DepotEntryEnumDelete(walk);
-    depot.Release();
-    Logger(3, "DepotPurge exit\n");
-    return result;
-}
-
-PalError DepotPurgeExpiredEntries(DepotHandle* handle) noexcept {
-    Logger(3, "DepotPurgeExpiredEntries entry\n");
-    if (handle == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
-    DepotLock depot(&handle->depotLock, "DepotPurgeExpiredEntris error %d releasing lock\n");
-    PalError err = depot.Acquire();
-    if (err.palError == PAL_WAIT_TIMEOUT) {
+    if (expiredOnly && err.palError == PAL_WAIT_TIMEOUT) {
         Logger(1, "DepotPurgeExpiredEntries entry continue. Ignore WAIT_TIMEOUT\n");
     } else if (err.palError != PAL_OK) {
-        Logger(0, "DepotPurgeExpiredEntries exit.  Error %d(%d) obtaining lock\n", err.palError,
-               err.nativeError);
+        Logger(0, "%s exit.  Error %d(%d) obtaining lock\n", name, err.palError, err.nativeError);
         return err;
     }
     DepotEnum* walk = nullptr;
     err = DepotEnumNew(handle, &walk);
     if (err.palError != PAL_OK) {
         depot.Release();
-        Logger(0, "DepotPurgeExpiredEntries exit.  Error %d creating enumerator\n", err.palError);
+        Logger(0, "%s exit.  Error %d creating enumerator\n", name, err.palError);
         return err;
     }
     PalError result = Ok();
-    while (DepotEntry* entry = DepotEntryEnumNextElement(walk)) {
+    while (DepotEntry* entry = NextEntry(walk, skipped, counting)) {
+        if (entry->state == DEPOT_STATE_IN_PROGRESS && WriterAlive(entry)) {
+            // A live writer's entry is left alone; a dead writer's is purged.
+            (void)FreeRecordLocked(handle, entry, true);
+            continue;
+        }
+        if (!expiredOnly) {
+            // Without force only unreferenced entries lose their files; every
+            // record is freed either way.
+            result = DepotRemoveEntry_internal(handle, entry, force);
+            if (result.palError != PAL_OK)
+                Logger(1, "DepotPurge error %d removing depot entry\n", result.palError);
+            continue;
+        }
         bool expired = false;
         {
             DepotLock lock(&handle->entryLock,
@@ -246,8 +242,58 @@ PalError DepotPurgeExpiredEntries(DepotHandle* handle) noexcept {
     }
     (void)DepotEntryEnumDelete(walk);
     depot.Release();
-    Logger(3, "DepotPurgeExpiredEntries exit\n");
+    Logger(3, expiredOnly ? "DepotPurgeExpiredEntries exit\n" : "DepotPurge exit\n");
     return result;
+}
+
+}  // namespace
+
+extern "C" {
+
+DepotEntry* DepotEntryEnumNextElement(DepotEnum* enumerator) noexcept {
+    return NextEntry(enumerator, nullptr, false);
+}
+
+DepotEntry* DepotEntryEnumNextReadable(DepotEnum* enumerator, PalUint32* skipped) noexcept {
+    return NextEntry(enumerator, skipped, true);
+}
+
+PalError DepotEntryEnumDelete(DepotEnum* enumerator) noexcept {
+    Logger(3, "DepotEntryEnumDelete entry\n");
+    if (enumerator == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
+    DepotLock lock(&enumerator->lock, "DepotEntryEnumDelete error %d releasing lock\n");
+    PalError err = lock.Acquire();
+    if (err.palError != PAL_OK) {
+        Logger(0, "DepotEntryEnumDelete exit.  Error %d(%d) obtaining lock\n", err.palError,
+               err.nativeError);
+        return err;
+    }
+    err = PalDirClose(enumerator->dir);
+    if (err.palError != PAL_OK)
+        Logger(1, "DepotEntryEnumDelete error %d closing directory handle\n", err.palError);
+    lock.Release();
+    err = PalCloseSem(&enumerator->lock);
+    if (err.palError != PAL_OK)
+        Logger(1, "DepotEntryEnumDelete error %d freeing lock\n", err.palError);
+    PalMemoryFree(enumerator);
+    Logger(3, "DepotEntryEnumDelete exit\n");
+    return Ok();
+}
+
+PalError DepotPurge(DepotHandle* handle, PalBool force) noexcept {
+    return PurgeWalk(handle, force, false, false, nullptr);
+}
+
+PalError DepotPurgeExpiredEntries(DepotHandle* handle) noexcept {
+    return PurgeWalk(handle, PAL_TRUE, true, false, nullptr);
+}
+
+PalError DepotPurgeCounting(DepotHandle* handle, PalBool force, PalUint32* unreadable) noexcept {
+    return PurgeWalk(handle, force, false, true, unreadable);
+}
+
+PalError DepotPurgeExpiredCounting(DepotHandle* handle, PalUint32* unreadable) noexcept {
+    return PurgeWalk(handle, PAL_TRUE, true, true, unreadable);
 }
 
 }  // extern "C"

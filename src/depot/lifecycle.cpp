@@ -6,6 +6,8 @@
 // data file is gone. Records are taken off the handle's list by address before
 // they are freed, and are freed exactly once.
 
+#include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <cstring>
 
@@ -16,7 +18,21 @@
 namespace fanout {
 namespace {
 
-constexpr PalInt32 kCreateWriteOnly = 0x102;  // create if absent, write only, keep contents
+// Create if absent, write only, keep contents; never through a link, never
+// anything but a regular file.
+constexpr PalInt32 kCreateWriteOnly =
+    0x102 | PAL_OPEN_NOFOLLOW | PAL_OPEN_REGULAR | PAL_OPEN_CLOEXEC;
+// A new entry file: created exclusively, read-write so that the writer lock
+// is taken on the same open. A new data file: created exclusively.
+constexpr PalInt32 kCreateEntryFile =
+    PAL_OPEN_RDWR | PAL_OPEN_CREATE | PAL_OPEN_EXCLUSIVE | PAL_OPEN_NOFOLLOW | PAL_OPEN_CLOEXEC;
+constexpr PalInt32 kCreateDataFile =
+    PAL_OPEN_WRONLY | PAL_OPEN_CREATE | PAL_OPEN_EXCLUSIVE | PAL_OPEN_NOFOLLOW | PAL_OPEN_CLOEXEC;
+// Flushing the data file before completion: read only is enough for fsync.
+constexpr PalInt32 kFlushData = 0x1 | PAL_OPEN_NOFOLLOW | PAL_OPEN_REGULAR | PAL_OPEN_CLOEXEC;
+// How many sequence numbers an addition tries when names are taken by files
+// no entry file of the bucket accounts for (orphans, links, FIFOs).
+constexpr int kCreateAttempts = 1024;
 
 const char* OrNull(const char* s) noexcept {
     return s != nullptr ? s : "(null)";
@@ -35,11 +51,50 @@ bool ListContains(PalList1* list, PalInt32 number) noexcept {
     return found;
 }
 
-// The smallest non-negative number not used by an entry file of the bucket.
-PalInt32 ChooseSequence(PalList1* used) noexcept {
-    PalInt32 n = 0;
-    while (ListContains(used, n)) ++n;
+// The smallest number from `from` on not used by an entry file of the bucket.
+PalInt32 ChooseSequence(PalList1* used, PalInt32 from) noexcept {
+    PalInt32 n = from;
+    while (n < INT32_MAX && ListContains(used, n)) ++n;
     return n;
+}
+
+enum class Created { kDone, kTaken, kFailed };
+
+// Creates the entry's two files under the names the record holds, both
+// exclusively: the entry file, locked for the writer and filled with the
+// record's text, then an empty data file. kTaken when either name exists
+// already (nothing is left behind then, nor on a failure); on success the
+// record keeps the writer lock. REQUIRES: entry lock held.
+Created CreateEntryFiles(DepotHandle* handle, DepotEntry* entry) noexcept {
+    PalChar* text = nullptr;
+    PalUint32 length = 0;
+    if (DepotEntrySetProperties(handle, entry, &text, &length).palError != PAL_OK)
+        return Created::kFailed;
+    PalFileHandle file{};
+    PalError err = PalFileOpen(&file, entry->entryFilePath, kCreateEntryFile);
+    if (err.palError != PAL_OK) {
+        CloseQuietly(&file);
+        PalMemoryFree(text);
+        return err.nativeError == EEXIST ? Created::kTaken : Created::kFailed;
+    }
+    // Waits only for a liveness probe's moment of shared lock.
+    err = PalFileLock(file, PAL_TRUE, PAL_TRUE);
+    if (err.palError == PAL_OK) err = WriteWhole(file, text, length);
+    PalMemoryFree(text);
+    PalFileHandle data{};
+    if (err.palError == PAL_OK) {
+        err = PalFileOpen(&data, entry->location, kCreateDataFile);
+        CloseQuietly(&data);
+    }
+    if (err.palError != PAL_OK) {
+        // The entry file is ours (created exclusively): a full disk or a
+        // taken data-file name leaves nothing behind.
+        CloseQuietly(&file);
+        (void)PalFileRemoveRegular(entry->entryFilePath);
+        return err.nativeError == EEXIST ? Created::kTaken : Created::kFailed;
+    }
+    entry->writerLock = file;
+    return Created::kDone;
 }
 
 PalUint8* CopyBytes(const PalUint8* bytes, PalUint32 length) noexcept {
@@ -79,6 +134,18 @@ DepotEntry* BuildRecord(DepotHandle* handle, const PalChar* id, const PalChar* v
     return entry;
 }
 
+// Forces the entry's data file and the depot directory out to the device.
+PalError FlushData(DepotHandle* handle, DepotEntry* entry) noexcept {
+    if (!LocationIsOwn(handle, entry->location, entry->entryFilePath))
+        return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 3);
+    PalFileHandle data{};
+    PalError err = PalFileOpen(&data, entry->location, kFlushData);
+    if (err.palError == PAL_OK) err = PalFileFlushBuffers(data);
+    CloseQuietly(&data);
+    if (err.palError == PAL_OK) err = PalDirFlush(handle->directory);
+    return err;
+}
+
 // Sets the state and writes the record when the state changes, re-reading the
 // shared counters first unless the caller just did (and changed them).
 // REQUIRES: entry lock held.
@@ -106,14 +173,25 @@ PalError RemoveFilesLocked(DepotHandle* handle, DepotEntry* entry, PalBool force
     }
     PalError result = Ok();
     if (entry->referenceCount != 0 && !force) return result;
+    // A live writer's entry is untouchable by any other record.
+    if (entry->writerLock.handle == nullptr && WriterAlive(entry))
+        return PalErrorCreate(PAL_ERR_BUSY, 0, 0);
+    // A location that is not this entry's own data file is never removed,
+    // nor the entry file that names it (it is damaged; the tool's check
+    // repairs it).
+    if (!LocationIsOwn(handle, entry->location, entry->entryFilePath)) {
+        Logger(1, "DepotRemoveEntry_internal entry file %s names a location outside the depot\n",
+               OrNull(entry->entryFilePath));
+        return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 3);
+    }
     DetachRecord(handle, entry);
-    result = PalFileRemove(entry->location);
+    result = PalFileRemoveRegular(entry->location);
     if (result.palError != PAL_OK)
         Logger(1, "DepotRemoveEntry_internal exit.  Error %d removing file %s\n", result.palError,
                OrNull(entry->location));
     PalFileInfo info;
     if (PalFileGetInfo(entry->location, &info).palError != PAL_OK) {
-        result = PalFileRemove(entry->entryFilePath);
+        result = PalFileRemoveRegular(entry->entryFilePath);
         if (result.palError != PAL_OK)
             Logger(1, "DepotRemoveEntry_internal exit.  Error %d removing file %s\n",
                    result.palError, OrNull(entry->entryFilePath));
@@ -122,6 +200,29 @@ PalError RemoveFilesLocked(DepotHandle* handle, DepotEntry* entry, PalBool force
 }
 
 }  // namespace
+
+PalError SaveEntryFile(DepotHandle* handle, DepotEntry* entry, bool flush) noexcept {
+    Logger(3, "DepotSaveEntry_internal entry\n");
+    if (entry == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
+    PalChar* text = nullptr;
+    PalUint32 length = 0;
+    PalError err = DepotEntrySetProperties(handle, entry, &text, &length);
+    if (err.palError != PAL_OK) return err;
+    // Written in place without truncation: a shorter text leaves the tail of
+    // an older one after its zero byte, where no reader looks.
+    PalFileHandle file{};
+    err = PalFileOpen(&file, entry->entryFilePath, kCreateWriteOnly);
+    if (err.palError == PAL_OK) err = WriteWhole(file, text, length);
+    if (err.palError == PAL_OK && flush) err = PalFileFlushBuffers(file);
+    PalMemoryFree(text);
+    if (file.handle != nullptr) {
+        PalError closed = PalFileClose(file);
+        if (err.palError == PAL_OK) err = closed;
+    }
+    if (err.palError != PAL_OK) return err;
+    Logger(3, "DepotSaveEntry_internal exit\n");
+    return err;
+}
 
 void DetachRecord(DepotHandle* handle, DepotEntry* entry) noexcept {
     if (handle == nullptr || handle->entries == nullptr || entry == nullptr) return;
@@ -171,6 +272,10 @@ DepotEntry* DepotAddEntry(DepotHandle* handle, const PalChar* id, const PalChar*
                           const PalUint8* properties, PalUint32 propertiesLength) noexcept {
     Logger(3, "DepotAddEntry entry\n");
     if (handle == nullptr || id == nullptr || version == nullptr) return nullptr;
+    if (HoldsTagText(id) || HoldsTagText(version)) {
+        Logger(1, "DepotAddEntry refused a key holding tag text\n");
+        return nullptr;
+    }
     DepotLock depot(&handle->depotLock, "DepotAddEntry error %d releasing lock\n");
     PalError err = depot.Acquire();
     if (err.palError == PAL_WAIT_TIMEOUT) {
@@ -183,6 +288,15 @@ DepotEntry* DepotAddEntry(DepotHandle* handle, const PalChar* id, const PalChar*
 
     PalList1* used = nullptr;
     DepotEntry* existing = DepotGetEntry_internal(handle, id, version, &used);
+    if (existing != nullptr && existing->state == DEPOT_STATE_IN_PROGRESS &&
+        !WriterAlive(existing)) {
+        // Its writer died or gave it up: the entry is stale and is replaced.
+        Logger(1, "DepotAddEntry replacing the stale in-progress entry %s\n",
+               OrNull(existing->entryFilePath));
+        PalList1Destroy(&used);
+        (void)DepotRemoveEntry_internal(handle, existing, PAL_TRUE);
+        existing = DepotGetEntry_internal(handle, id, version, &used);
+    }
     if (existing != nullptr) {
         PalList1Destroy(&used);
         if (existing->state == DEPOT_STATE_COMPLETE) {
@@ -195,26 +309,37 @@ DepotEntry* DepotAddEntry(DepotHandle* handle, const PalChar* id, const PalChar*
         return nullptr;
     }
 
-    DepotEntry* entry =
-        BuildRecord(handle, id, version, properties, propertiesLength, ChooseSequence(used));
+    // A name is taken only by creating it: a number that the bucket's entry
+    // files leave free may still name an orphaned data file, a link or a
+    // FIFO, and the next free number is tried then.
+    DepotEntry* entry = nullptr;
+    {
+        DepotLock lock(&handle->entryLock, "DepotSaveEntry error %d releasing lock\n");
+        err = lock.Acquire();
+        if (err.palError != PAL_OK) {
+            Logger(0, "DepotSaveEntry exit.  Error %d(%d) obtaining lock\n", err.palError,
+                   err.nativeError);
+            PalList1Destroy(&used);
+            return nullptr;
+        }
+        PalInt32 sequence = ChooseSequence(used, 0);
+        for (int attempt = 0; attempt < kCreateAttempts && sequence < INT32_MAX; ++attempt) {
+            entry = BuildRecord(handle, id, version, properties, propertiesLength, sequence);
+            if (entry == nullptr) break;
+            Created created = CreateEntryFiles(handle, entry);
+            if (created == Created::kDone) break;
+            FreeRecordFields(entry);
+            entry = nullptr;
+            if (created == Created::kFailed) break;
+            sequence = ChooseSequence(used, sequence + 1);
+        }
+    }
     PalList1Destroy(&used);
     if (entry == nullptr) return nullptr;
-    if (DepotSaveEntry(handle, entry).palError != PAL_OK) {
-        FreeRecordFields(entry);
-        return nullptr;
-    }
     if (PalList1Add(handle->entries, entry) < 0) {
-        (void)PalFileRemove(entry->entryFilePath);
+        (void)PalFileRemoveRegular(entry->location);
+        (void)PalFileRemoveRegular(entry->entryFilePath);
         FreeRecordFields(entry);
-        return nullptr;
-    }
-    PalFileHandle data{};
-    err = PalFileOpen(&data, entry->location, kCreateWriteOnly);
-    CloseQuietly(&data);
-    if (err.palError != PAL_OK) {
-        // Takes the record off the list and frees it (once); no references, so
-        // the entry file goes too.
-        (void)DepotRemoveEntry_internal(handle, entry, PAL_FALSE);
         return nullptr;
     }
     depot.Release();
@@ -223,31 +348,7 @@ DepotEntry* DepotAddEntry(DepotHandle* handle, const PalChar* id, const PalChar*
 }
 
 PalError DepotSaveEntry_internal(DepotHandle* handle, DepotEntry* entry) noexcept {
-    Logger(3, "DepotSaveEntry_internal entry\n");
-    if (entry == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
-    PalChar* text = nullptr;
-    PalUint32 length = 0;
-    PalError err = DepotEntrySetProperties(handle, entry, &text, &length);
-    if (err.palError != PAL_OK) return err;
-    // Written in place without truncation: a shorter text leaves the tail of
-    // an older one after its zero byte, where no reader looks.
-    PalFileHandle file{};
-    err = PalFileOpen(&file, entry->entryFilePath, kCreateWriteOnly);
-    PalUint32 done = 0;
-    while (err.palError == PAL_OK && done < length) {
-        PalUint32 count = 0;
-        err = PalFileWrite(file, text + done, length - done, &count);
-        if (err.palError == PAL_OK && count == 0) err = PalErrorCreate(PAL_ERR_SYSTEM, 0, 0);
-        done += count;
-    }
-    PalMemoryFree(text);
-    if (file.handle != nullptr) {
-        PalError closed = PalFileClose(file);
-        if (err.palError == PAL_OK) err = closed;
-    }
-    if (err.palError != PAL_OK) return err;
-    Logger(3, "DepotSaveEntry_internal exit\n");
-    return err;
+    return SaveEntryFile(handle, entry, false);
 }
 
 PalError DepotSaveEntry(DepotHandle* handle, DepotEntry* entry) noexcept {
@@ -287,6 +388,18 @@ PalError DepotCompleteEntry(DepotHandle* handle, DepotEntry* entry, PalInt32 dea
     Logger(3, "DepotCompleteEntry entry\n");
     if (handle == nullptr || entry == nullptr)
         return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
+    // The data and the names of both files reach the device before the entry
+    // says complete; done before the entry lock is taken, as a large data
+    // file takes a while. A failure completes nothing: the record is
+    // released and the entry stays in progress, stale once unlocked.
+    PalError flushed = FlushData(handle, entry);
+    if (flushed.palError != PAL_OK) {
+        Logger(1, "DepotCompleteEntry error %d(%d) flushing segment data\n", flushed.palError,
+               flushed.nativeError);
+        (void)DepotFreeEntry(handle, entry);
+        Logger(3, "DepotCompleteEntry exit\n");
+        return flushed;
+    }
     DepotLock lock(&handle->entryLock, "DepotCompleteEntry error %d releasing lock\n");
     PalError err = lock.Acquire();
     if (err.palError == PAL_WAIT_TIMEOUT) {
@@ -305,7 +418,7 @@ PalError DepotCompleteEntry(DepotHandle* handle, DepotEntry* entry, PalInt32 dea
             entry->deadline = deadline;
         entry->referenceCount =
             static_cast<PalInt32>(static_cast<PalUint32>(entry->referenceCount) + 1u);
-        result = DepotSaveEntry_internal(handle, entry);
+        result = SaveEntryFile(handle, entry, true);
     }
     lock.Release();
     (void)DepotFreeEntry(handle, entry);
@@ -398,6 +511,13 @@ PalError DepotRemoveEntry(DepotHandle* handle, DepotEntry* entry, PalBool force)
     return result;
 }
 
+PalBool DepotEntryWriterAlive(DepotHandle* handle, DepotEntry* entry) noexcept {
+    Logger(3, "DepotEntryWriterAlive entry\n");
+    bool alive = handle != nullptr && WriterAlive(entry);
+    Logger(3, "DepotEntryWriterAlive exit\n");
+    return alive ? PAL_TRUE : PAL_FALSE;
+}
+
 PalError DepotFreeEntry_internal(DepotHandle* handle, DepotEntry* entry) noexcept {
     return FreeRecordLocked(handle, entry, true);
 }
@@ -435,6 +555,7 @@ PalError DepotEntryFree(DepotHandle* handle, DepotEntry* entry) noexcept {
     if (entry != nullptr) {
         // Meant for records never added to a list; the properties are the
         // caller's to release.
+        CloseQuietly(&entry->writerLock);
         PalMemoryFree(entry->id);
         PalMemoryFree(entry->version);
         PalMemoryFree(entry->entryFilePath);

@@ -83,8 +83,8 @@ DepotEntry* ScanBucket(DepotHandle* handle, const PalChar* bucket, const PalChar
     // half rewritten by another process; without the lock the scan still runs.
     DepotLock entryLock(&handle->entryLock, "DepotGetEntry_internal error %d releasing lock\n");
     if (const PalError taken = entryLock.Acquire(); taken.palError != PAL_OK) {
-        Logger(1, "DepotGetEntry_internal continue.  Error %d(%d) obtaining entry lock\n", taken.palError,
-               taken.nativeError);
+        Logger(1, "DepotGetEntry_internal continue.  Error %d(%d) obtaining entry lock\n",
+               taken.palError, taken.nativeError);
     }
     PalChar name[PAL_PATH_MAX + 1];
     PalChar* buffer = nullptr;  // reused for every file of the scan
@@ -115,6 +115,20 @@ DepotEntry* ScanBucket(DepotHandle* handle, const PalChar* bucket, const PalChar
                 PalMemoryFree(path);
             } else {
                 found->entryFilePath = path;
+                if (!LocationIsOwn(handle, found->location, path)) {
+                    // Damaged: what it names is never opened or removed.
+                    Logger(1,
+                           "DepotGetEntry_internal entry file %s names a location outside "
+                           "its data file\n",
+                           path);
+                    if (entryLock.held()) {
+                        DetachRecord(handle, found);
+                        FreeRecordFields(found);
+                    } else {
+                        (void)FreeRecordLocked(handle, found, true);
+                    }
+                    found = nullptr;
+                }
             }
             break;
         }

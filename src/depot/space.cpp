@@ -1,6 +1,8 @@
 // space.cpp - the Depot's disk-space accounting: reservations against the
 // handle's storage limit (in KiB, kept only in the handle), the size queries of
 // data files, and the measure of everything stored in the depot directory.
+// Sizes are those of the data files themselves: a link is not followed, and
+// anything but a regular file has no size here.
 
 #include <cstring>
 
@@ -68,7 +70,7 @@ PalError DepotSetSegmentSize(DepotHandle* handle, DepotEntry* entry) noexcept {
         return err;
     }
     PalFileInfo info;
-    PalError result = PalFileGetInfo(entry->location, &info);
+    PalError result = PalFileGetRegularInfo(entry->location, &info);
     if (result.palError == PAL_OK) entry->segmentSize = static_cast<PalUint64>(info.size);
     lock.Release();
     Logger(3, "DepotSetSegmentSize exit\n");
@@ -87,7 +89,7 @@ PalError DepotEntryGetFileSize(DepotHandle* handle, DepotEntry* entry, PalUint64
         return err;
     }
     PalFileInfo info;
-    PalError result = PalFileGetInfo(entry->location, &info);
+    PalError result = PalFileGetRegularInfo(entry->location, &info);
     if (result.palError == PAL_OK) {
         auto size = static_cast<PalUint64>(info.size);
         if (entry->segmentSize != size) entry->segmentSize = size;
@@ -109,7 +111,7 @@ PalError DepotAdjustReservedSpace(DepotHandle* handle, const PalChar* id,
         return Ok();
     }
     PalFileInfo info;
-    PalError result = PalFileGetInfo(entry->location, &info);
+    PalError result = PalFileGetRegularInfo(entry->location, &info);
     if (result.palError == PAL_OK) {
         // Taken in 64-bit unsigned arithmetic, as recorded minus actual.
         PalUint64 unused = entry->segmentSize - static_cast<PalUint64>(info.size);

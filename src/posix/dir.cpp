@@ -16,6 +16,7 @@
 #include <fanout/palmemory.h>
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -56,6 +57,18 @@ FANOUT_EXPORT PalError PalDirCreateDirectory(const PalChar* path) noexcept {
     if (path == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
     LocalPath local(path);
     if (mkdir(local.host(), 0700) != 0) return PalErrorCreate(PAL_ERR_SYSTEM, errno, 1);
+    return ok();
+}
+
+FANOUT_EXPORT PalError PalDirFlush(const PalChar* path) noexcept {
+    if (path == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
+    LocalPath local(path);
+    int fd = open(local.host(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return PalErrorCreate(PAL_ERR_SYSTEM, errno, 1);
+    int rc = fsync(fd);
+    int err = errno;
+    close(fd);
+    if (rc != 0) return PalErrorCreate(PAL_ERR_SYSTEM, err, 2);
     return ok();
 }
 

@@ -15,6 +15,7 @@
 #include <fanout/palmemory.h>
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -119,6 +120,17 @@ FANOUT_EXPORT PalError PalFileOpen(PalFileHandle* handle_ptr, const PalChar* pat
     if (cell == nullptr) return PalErrorCreate(PAL_ERR_SYSTEM, ENOMEM, 3);
     *cell = open(local.host(), fanout::pal_open_flags(oflag), 0600);
     if (*cell < 0) return system_error(3);
+    if ((oflag & PAL_OPEN_REGULAR) != 0) {
+        // Opened without blocking, so that a FIFO or a device named like a
+        // file of ours cannot stop the caller; refused unless regular.
+        struct stat st;
+        int err = fstat(*cell, &st) != 0 ? errno : (S_ISREG(st.st_mode) ? 0 : EINVAL);
+        if (err != 0) {
+            close(*cell);
+            *cell = -1;
+            return PalErrorCreate(PAL_ERR_SYSTEM, err, 4);
+        }
+    }
     return ok();
 }
 
@@ -136,6 +148,30 @@ FANOUT_EXPORT PalError PalFileRemove(const PalChar* path) noexcept {
     LocalPath local(path);
     if (!local.localised()) return invalid(2);
     if (std::remove(local.host()) != 0) return system_error(3);
+    return ok();
+}
+
+FANOUT_EXPORT PalError PalFileRemoveRegular(const PalChar* path) noexcept {
+    if (path == nullptr) return invalid(1);
+    LocalPath local(path);
+    if (!local.localised()) return invalid(2);
+    struct stat st;
+    if (lstat(local.host(), &st) != 0) return system_error(3);
+    if (!S_ISREG(st.st_mode)) return PalErrorCreate(PAL_ERR_SYSTEM, EINVAL, 4);
+    // unlink never follows a link, so a file swapped for one since the check
+    // loses only the link.
+    if (unlink(local.host()) != 0) return system_error(5);
+    return ok();
+}
+
+FANOUT_EXPORT PalError PalFileLock(PalFileHandle handle, PalBool exclusive, PalBool wait) noexcept {
+    if (handle.handle == nullptr) return invalid(1);
+    int op = (exclusive ? LOCK_EX : LOCK_SH) | (wait ? 0 : LOCK_NB);
+    int rc;
+    do {
+        rc = flock(pal_fd(handle), op);
+    } while (rc != 0 && errno == EINTR);
+    if (rc != 0) return system_error(2);
     return ok();
 }
 

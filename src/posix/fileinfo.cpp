@@ -55,6 +55,9 @@ int pal_open_flags(PalInt32 oflag) noexcept {
     if (oflag & PAL_OPEN_CREATE) flags |= O_CREAT;
     if (oflag & PAL_OPEN_TRUNCATE) flags |= O_TRUNC;
     if (oflag & PAL_OPEN_EXCLUSIVE) flags |= O_EXCL;
+    if (oflag & PAL_OPEN_NOFOLLOW) flags |= O_NOFOLLOW;
+    if (oflag & PAL_OPEN_REGULAR) flags |= O_NONBLOCK;
+    if (oflag & PAL_OPEN_CLOEXEC) flags |= O_CLOEXEC;
     return flags;
 }
 
@@ -160,6 +163,34 @@ FANOUT_EXPORT PalError PalFileGetInfo(const PalChar* path, PalFileInfo* info) no
     LocalPath local(path);
     struct stat st;
     if (stat(local.host(), &st) != 0) return PalErrorCreate(PAL_ERR_SYSTEM, errno, 2);
+    fanout::fill_info(st, info);
+    return PalErrorCreate(PAL_OK, 0, 0);
+}
+
+FANOUT_EXPORT PalError PalFileGetRegularInfo(const PalChar* path, PalFileInfo* info) noexcept {
+    if (path == nullptr || info == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 1);
+    LocalPath local(path);
+    struct stat st;
+    if (lstat(local.host(), &st) != 0) return PalErrorCreate(PAL_ERR_SYSTEM, errno, 2);
+    if (!S_ISREG(st.st_mode)) return PalErrorCreate(PAL_ERR_SYSTEM, EINVAL, 3);
+    fanout::fill_info(st, info);
+    return PalErrorCreate(PAL_OK, 0, 0);
+}
+
+FANOUT_EXPORT PalBool PalFileIsSame(const PalChar* path1, const PalChar* path2) noexcept {
+    if (path1 == nullptr || path2 == nullptr) return PAL_FALSE;
+    LocalPath one(path1);
+    LocalPath two(path2);
+    struct stat a, b;
+    if (stat(one.host(), &a) != 0 || stat(two.host(), &b) != 0) return PAL_FALSE;
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino ? PAL_TRUE : PAL_FALSE;
+}
+
+}  // extern "C"
+
+namespace fanout {
+
+void fill_info(const struct stat& st, PalFileInfo* info) noexcept {
     info->ctime = fanout::millis(st.st_ctime);
     info->atime = fanout::millis(st.st_atime);
     info->mtime = fanout::millis(st.st_mtime);
@@ -177,8 +208,11 @@ FANOUT_EXPORT PalError PalFileGetInfo(const PalChar* path, PalFileInfo* info) no
     if (fanout::pal_group_name(st.st_gid, info->group, PAL_PATH_MAX) != 0) info->group[0] = '\0';
     info->user[PAL_PATH_MAX - 1] = '\0';
     info->group[PAL_PATH_MAX - 1] = '\0';
-    return PalErrorCreate(PAL_OK, 0, 0);
 }
+
+}  // namespace fanout
+
+extern "C" {
 
 FANOUT_EXPORT PalError PalFileSetOwner(const PalChar* owner, const PalChar* path) noexcept {
     return set_name(Who::User, owner, path);

@@ -11,6 +11,7 @@
 #include <fanout/palmemory.h>
 #include <fanout/palpath.h>
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 namespace fanout {
@@ -24,6 +25,10 @@ int pal_open_flags(PalInt32 oflag) noexcept;
 // over the nine rwx bits, everything else dropped.
 mode_t pal_perm_to_host(PalUint32 permission) noexcept;
 PalUint32 pal_perm_from_host(mode_t mode) noexcept;
+
+// Fills *info from a host status record (times, permission bits, size, links,
+// devices, owner's and group's names).
+void fill_info(const struct stat& st, PalFileInfo* info) noexcept;
 
 // Name of the user / group with the given id into out (n bytes, PalStringNCpy
 // semantics), using the reentrant look-ups with a 1024-byte work buffer.

@@ -9,11 +9,18 @@
 //                                                           size N + 8
 //   bare      [N bytes]                                     size N
 //
-// The checked readers accept a file only when its size is exactly what its
-// length word says, so nothing is allocated beyond what the file holds; the
-// version word of the improved layout is converted but deliberately never
-// tested, so later versions with the same framing stay readable. The bare
-// reader leaves a short read to the decoder.
+// The checked readers accept a file only when its size (all 64 bits of it) is
+// exactly what its length word says, so nothing is allocated beyond what the
+// file holds; the version word of the improved layout is converted but
+// deliberately never tested, so later versions with the same framing stay
+// readable. The bare reader refuses a file whose size does not fit the 32-bit
+// length of a marshalled list, and leaves a short read to the decoder.
+//
+// Memory: a body of up to kReadLimit bytes is read into a block; a larger one
+// is mapped read-only and decoded where it lies, so that only the pages the
+// decoder touches are ever brought in (a sparse or mostly unused file of
+// gigabytes costs its first pages, not its size). A file that cannot be
+// mapped is read as before.
 //
 // Clean-up: temporary buffers and file records are held by RAII guards that
 // release them on every path, normal or raised; a raise passes on to the
@@ -22,6 +29,9 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <climits>
@@ -47,6 +57,9 @@ constexpr uint32_t kImprovedVersion = 1;
 constexpr int32_t kSaveFlags = O_WRONLY | O_TRUNC;
 constexpr uint32_t kSaveMode = 0600;
 constexpr int32_t kLoadFlags = O_RDONLY;
+
+// Bodies larger than this are mapped rather than read into memory.
+constexpr uint32_t kReadLimit = 16u << 20;
 
 // One host read or write moves at most this many bytes (file_read and
 // file_write take a signed 32-bit count); larger transfers are split.
@@ -138,17 +151,70 @@ void read_word(File* f, uint32_t* word, const uint32_t* length) {
     if (file_read(f, word, 4) < 4) raise_read_failed(f, *length, errno);
 }
 
+// The file's full 64-bit size, by its open descriptor (the wrapper's size
+// query keeps only the low 32 bits). A failing query raises 19 with errno.
+uint64_t full_size(const File* f, uint32_t length) {
+    struct stat st {};
+    if (fstat(f->fd, &st) != 0) raise_read_failed(f, length, errno);
+    return static_cast<uint64_t>(st.st_size);
+}
+
+// A read-only mapping of `length` bytes of the file from `offset`, released
+// at the end of the scope; null when the file cannot be mapped.
+class Mapping {
+  public:
+    Mapping(const File* f, uint64_t offset, uint32_t length) : length_(length) {
+        // mmap wants a page-aligned offset: map from the page start.
+        const uint64_t page = static_cast<uint64_t>(sysconf(_SC_PAGESIZE));
+        skip_ = static_cast<size_t>(offset % page);
+        void* p = mmap(nullptr, length_ + skip_, PROT_READ, MAP_PRIVATE, f->fd,
+                       static_cast<off_t>(offset - skip_));
+        base_ = p == MAP_FAILED ? nullptr : static_cast<uint8_t*>(p);
+    }
+    Mapping(const Mapping&) = delete;
+    Mapping& operator=(const Mapping&) = delete;
+    ~Mapping() {
+        if (base_ != nullptr) munmap(base_, length_ + skip_);
+    }
+    const uint8_t* data() const { return base_ != nullptr ? base_ + skip_ : nullptr; }
+
+  private:
+    size_t length_;
+    size_t skip_ = 0;
+    uint8_t* base_ = nullptr;
+};
+
+// Decodes the next `length` bytes of the file into out: read into a block,
+// or mapped when large (see the top), the position then moved past them as a
+// read would. With `checked` a short read raises 19; otherwise the unread
+// tail is zeros for the decoder to judge.
+void decode_body(Properties* out, File* f, uint32_t length, bool checked) {
+    const off_t at = length > kReadLimit ? lseek(f->fd, 0, SEEK_CUR) : -1;
+    if (at >= 0 && static_cast<uint64_t>(at) + length <= full_size(f, length)) {
+        Mapping map(f, static_cast<uint64_t>(at), length);
+        if (map.data() != nullptr) {
+            properties_decode(TC_Kel_Fanout2_Properties, map.data(), length, out);
+            lseek(f->fd, at + static_cast<off_t>(length), SEEK_SET);
+            return;
+        }
+    }
+    // Zero-filled, so that the unread tail of a short read is defined bytes
+    // for the decoder to judge.
+    Bytes data(static_cast<uint8_t*>(checked ? mg_malloc(length > 0 ? length : 1)
+                                             : mg_calloc(length > 0 ? length : 1, 1)));
+    fanout::prefault_for_write(data.get(), length);
+    errno = 0;
+    uint32_t got = read_bytes(f, data.get(), length);
+    if (checked && got < length) raise_read_failed(f, length, errno);
+    properties_decode(TC_Kel_Fanout2_Properties, data.get(), length, out);
+}
+
 // The common tail of the checked readers: the file must be exactly `header`
 // bytes plus `length`, all of which are then read and decoded into out.
 void read_body(Properties* out, File* f, uint32_t header, uint32_t length) {
     errno = 0;
-    uint64_t size = file_get_size(f->path);
-    if (size != uint64_t{header} + length) raise_read_failed(f, length, errno);
-    Bytes data(static_cast<uint8_t*>(mg_malloc(length)));
-    fanout::prefault_for_write(data.get(), length);
-    errno = 0;
-    if (read_bytes(f, data.get(), length) < length) raise_read_failed(f, length, errno);
-    properties_decode(TC_Kel_Fanout2_Properties, data.get(), length, out);
+    if (full_size(f, length) != uint64_t{header} + length) raise_read_failed(f, length, errno);
+    decode_body(out, f, length, true);
 }
 
 }  // namespace
@@ -223,13 +289,14 @@ void properties_read_improved(Properties* out, File* f) {
 }
 
 void properties_read_without_len(Properties* out, File* f) {
-    uint32_t size = file_get_size(f->path);
-    // Zero-filled, so that the unread tail of a short read is defined bytes
-    // for the decoder to judge.
-    Bytes data(static_cast<uint8_t*>(mg_calloc(size > 0 ? size : 1, 1)));
-    fanout::prefault_for_write(data.get(), size);
-    read_bytes(f, data.get(), size);  // deliberately unchecked
-    properties_decode(TC_Kel_Fanout2_Properties, data.get(), size, out);
+    // The whole file is the list: one whose size does not fit the 32-bit
+    // length of a marshalled list is refused (19, count 0, EFBIG) rather
+    // than read from its first bytes.
+    uint64_t size = full_size(f, 0);
+    if (size > UINT32_MAX) raise_read_failed(f, 0, EFBIG);
+    // The read is deliberately unchecked: a short read leaves zeros to the
+    // decoder.
+    decode_body(out, f, static_cast<uint32_t>(size), false);
 }
 
 // ---------------------------------------------------------------------------

@@ -133,7 +133,9 @@ TEST_F(DepotEntryFile, CachedRecordIsRefreshedButKeepsFieldsItsFileLacks) {
     EXPECT_EQ(e->state, 1);
     EXPECT_EQ(e->deadline, 77);
     EXPECT_EQ(e->checksum, 5);
-    EXPECT_STREQ(e->location, "depot/x.dat");
+    // The location is fixed when the entry is added: a file naming another
+    // one is not followed.
+    EXPECT_STREQ(e->location, "depot/00000016.0.dat");
 }
 
 TEST_F(DepotEntryFile, StaleCachedRecordIsDroppedWhenItsFileNamesAnotherKey) {

@@ -91,7 +91,7 @@ TEST_F(DepotLookup, CachedRecordWhoseFileIsGoneIsDroppedAndNotFound) {
 TEST_F(DepotLookup, UnreadableEntryFileHidesTheEntriesListedAfterIt) {
     Open();
     AddComplete("abc", "1", 0);
-    ASSERT_EQ(::mkdir("depot/00000016.5.xml", 0700), 0);  // opens, but cannot be read
+    ASSERT_EQ(::mkdir("depot/00000016.5.xml", 0700), 0);  // not a regular file
     auto names = ListDir("depot");
     auto good = std::find(names.begin(), names.end(), "00000016.0.xml");
     auto bad = std::find(names.begin(), names.end(), "00000016.5.xml");
@@ -104,7 +104,7 @@ TEST_F(DepotLookup, UnreadableEntryFileHidesTheEntriesListedAfterIt) {
     } else {
         EXPECT_EQ(e, nullptr);
         EXPECT_TRUE(log_.Has(1,
-                             "DepotGetEntry_internal error -4 reading file "
+                             "DepotGetEntry_internal error -4 opening file "
                              "depot/00000016.5.xml\n"));
     }
 }

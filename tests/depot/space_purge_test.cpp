@@ -68,7 +68,9 @@ TEST_F(DepotSpace, PermanentStorageSumsTheDataFilesInKiB) {
 TEST_F(DepotSpace, PurgeWithoutForceKeepsReferencedEntries) {
     Open();
     AddComplete("kept", "1", 0);
-    ASSERT_NE(DepotAddEntry(handle_, "gone", "1", nullptr, 0), nullptr);
+    DepotEntry* gone = DepotAddEntry(handle_, "gone", "1", nullptr, 0);
+    ASSERT_NE(gone, nullptr);
+    ASSERT_EQ(DepotFreeEntry(handle_, gone).palError, PAL_OK);  // its writer gives it up
     ASSERT_EQ(CountSuffix("depot", ".xml"), 2);
 
     ASSERT_EQ(DepotPurge(handle_, PAL_FALSE).palError, PAL_OK);

@@ -6,7 +6,12 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include <cstring>
 #include <filesystem>
@@ -160,6 +165,54 @@ TEST_P(PropertiesFile, HostileFilesRaise) {
         }
         EXPECT_EQ(r, expected);
     }
+}
+
+// Sizes past 32 bits are seen whole: a file longer than the list by 4 GiB is
+// refused, not loaded from its first bytes.
+TEST_P(PropertiesFile, FilesLongerThan32BitsAreRefused) {
+    AllTypes t;
+    GetParam().save(t.get(), path.c_str());
+    const auto n = static_cast<uint32_t>(read_file(path).size() - GetParam().header);
+    ASSERT_EQ(truncate(path.c_str(), (off_t{1} << 32) + static_cast<off_t>(GetParam().header + n)),
+              0);
+    ScopedList out;
+    const Raised r = raised_by([&] { GetParam().load(out.get(), path.c_str()); });
+    const std::string count = GetParam().header > 0 ? std::to_string(n) : "0";
+    const std::string error = GetParam().header > 0 ? "0" : std::to_string(EFBIG);
+    EXPECT_EQ(r, (Raised{19, {path, count, error}}));
+}
+
+// A sparse file of almost 4 GiB whose length word matches its size loads
+// without committing memory for its body: a child whose data segment may
+// grow by no more than 1 GiB decodes it (an empty list: zeros).
+TEST_P(PropertiesFile, SparseHugeFilesLoadWithoutCommittingTheirSize) {
+    const uint32_t n = 0xFFFFFF00u;
+    write_file(path, framed(GetParam(), {}, n));
+    ASSERT_EQ(truncate(path.c_str(), static_cast<off_t>(GetParam().header) + n), 0);
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        std::ifstream status("/proc/self/status");
+        std::string line;
+        rlim_t data = 0;
+        while (std::getline(status, line)) {
+            if (line.rfind("VmData:", 0) == 0) data = std::stoull(line.substr(7)) * 1024;
+        }
+        const rlimit limit{data + (rlim_t{1} << 30), data + (rlim_t{1} << 30)};
+        if (data == 0 || setrlimit(RLIMIT_DATA, &limit) != 0) _exit(2);
+        bool loaded = false;
+        try {
+            ScopedList out;
+            GetParam().load(out.get(), path.c_str());
+            loaded = out.get()->length == 0;
+        } catch (...) {
+            // NO_MEMORY (no catalogue number) included
+        }
+        _exit(loaded ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 }
 
 INSTANTIATE_TEST_SUITE_P(Layouts, PropertiesFile, ::testing::ValuesIn(kLayouts),

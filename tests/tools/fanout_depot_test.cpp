@@ -21,6 +21,7 @@
 #include "fanout/catalog.h"
 #include "fanout/depot.h"
 #include "fanout/exception.h"
+#include "fanout/palmemory.h"
 #include "fanout/properties.h"
 #include "fanout/types.h"
 
@@ -73,11 +74,13 @@ protected:
         fs::remove_all(root_);
     }
 
-    // Runs the tool with `args`, capturing its output streams.
-    Result Run(const std::vector<std::string>& args) {
+    // Runs the tool with `args`, capturing its output streams; `env` are
+    // "NAME=value" settings for its environment.
+    Result Run(const std::vector<std::string>& args, const std::vector<std::string>& env = {}) {
         const std::string out = root_ + "/stdout", err = root_ + "/stderr";
         pid_t pid = fork();
         if (pid == 0) {
+            for (const auto& e : env) putenv(const_cast<char*>(e.c_str()));
             int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
             int e = open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
             dup2(o, 1);
@@ -120,7 +123,8 @@ protected:
 };
 
 TEST_F(FanoutDepotTool, HelpAndUsageErrors) {
-    const std::string usage = Msg(134, std::vector<std::string>(8, "fanout-depot"));
+    const std::string usage = Msg(134, std::vector<std::string>(8, "fanout-depot")) +
+                              " fanout-depot repeater_name check [--repair]\n";
     for (const char* help : {"help", "--help"}) {
         const Result r = Run({help});
         EXPECT_EQ(r.status, 0);
@@ -128,7 +132,8 @@ TEST_F(FanoutDepotTool, HelpAndUsageErrors) {
     }
     const std::vector<std::vector<std::string>> bad = {
         {}, {depot_}, {depot_, "frobnicate"}, {depot_, "add", "a^1"}, {depot_, "delete"},
-        {depot_, "purge", "--all"}, {depot_, "list", "a^1", "b^2"}, {depot_, "--size"}};
+        {depot_, "purge", "--all"}, {depot_, "list", "a^1", "b^2"}, {depot_, "--size"},
+        {depot_, "check", "--all"}};
     for (const auto& args : bad) {
         const Result r = Run(args);
         EXPECT_EQ(r.status, 2) << args.size();
@@ -226,11 +231,10 @@ TEST_F(FanoutDepotTool, DeleteRefusesEntriesInProgressOrInUse) {
     DepotHandle* h = nullptr;
     DepotNew(&h, depot_.c_str(), 0);
     ASSERT_NE(h, nullptr);
-    ASSERT_NE(DepotAddEntry(h, "busy", "1", nullptr, 0), nullptr);
+    ASSERT_NE(DepotAddEntry(h, "busy", "1", nullptr, 0), nullptr);  // its writer lives on
     DepotEntry* used = DepotGetEntry(h, "used", "1");
     ASSERT_NE(used, nullptr);
     EXPECT_EQ(DepotEntryChangeState(h, used, 2).palError, PAL_OK);
-    DepotFree(h);
 
     Result r = Run({depot_, "delete", "busy^1"});
     EXPECT_EQ(r.status, 1);
@@ -240,6 +244,14 @@ TEST_F(FanoutDepotTool, DeleteRefusesEntriesInProgressOrInUse) {
     EXPECT_EQ(FilesEndingIn(".xml"), 2u);
     r = Run({depot_, "describe"});
     EXPECT_NE(r.out.find(Msg(161, {"0"})), std::string::npos);  // an empty entry in progress
+    EXPECT_EQ(Run({depot_, "purge"}).status, 0);
+    EXPECT_EQ(FilesEndingIn(".xml"), 2u);  // a live writer's entry survives a purge
+
+    // Once its writer is gone the entry is stale: deleted by name, or
+    // replaced by a new add of its key.
+    DepotFree(h);
+    EXPECT_EQ(Run({depot_, "delete", "busy^1"}).status, 0);
+    EXPECT_EQ(FilesEndingIn(".xml"), 1u);
 }
 
 TEST_F(FanoutDepotTool, PurgeExpiredRemovesOnlyPastDeadlines) {
@@ -276,6 +288,261 @@ TEST_F(FanoutDepotTool, ImageWritesDataAndTableOfContents) {
     EXPECT_EQ(r.status, 0);
     EXPECT_EQ(r.err, Msg(201));
     EXPECT_TRUE(fs::exists(depot_ + "/img^3.toc"));
+}
+
+// The name a key's first entry gets: "<bucket>.0".
+std::string FirstName(const std::string& id, const std::string& version) {
+    PalChar* bucket = DepotFindBucket(id.c_str(), version.c_str());
+    std::string name = std::string(bucket) + ".0";
+    PalMemoryFree(bucket);
+    return name;
+}
+
+// A file of `bytes` bytes whose content depends on `seed` at every offset.
+std::string Pattern(size_t bytes, unsigned seed) {
+    std::string s(bytes, '\0');
+    for (size_t i = 0; i < bytes; ++i) {
+        s[i] = static_cast<char>((i * 31 + seed * 7 + i / 251) % 256);
+    }
+    return s;
+}
+
+// Adds of keys that share a bucket, run at the same time, each keep their
+// own bytes: the locks exclude and no entry replaces another's file.
+TEST_F(FanoutDepotTool, ConcurrentAddsOfOneBucketKeepEveryByte) {
+    constexpr int kRounds = 5, kAdds = 4;
+    for (int round = 0; round < kRounds; ++round) {
+        std::vector<std::string> keys, files;
+        for (int i = 0; i < kAdds; ++i) {
+            // The same first half: one bucket for all.
+            keys.push_back("shared-prefix-" + std::to_string(round) + std::string(1, 'a' + i));
+            files.push_back(root_ + "/src" + std::to_string(round) + std::to_string(i));
+            std::ofstream(files.back(), std::ios::binary) << Pattern(300000 + i, round * 10 + i);
+        }
+        std::vector<pid_t> pids;
+        for (int i = 0; i < kAdds; ++i) {
+            pid_t pid = fork();
+            if (pid == 0) {
+                int null = open("/dev/null", O_WRONLY);
+                dup2(null, 1);
+                dup2(null, 2);
+                execl(FANOUT_DEPOT_TOOL, "fanout-depot", depot_.c_str(), "add",
+                      (keys[i] + "^1").c_str(), files[i].c_str(), static_cast<char*>(nullptr));
+                _exit(127);
+            }
+            pids.push_back(pid);
+        }
+        for (pid_t pid : pids) {
+            int status = 0;
+            ASSERT_EQ(waitpid(pid, &status, 0), pid);
+            EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+        }
+        for (int i = 0; i < kAdds; ++i) {
+            const Result r = Run({depot_, "list", keys[i] + "^1", "-l"});
+            ASSERT_EQ(r.status, 0) << keys[i] << r.err;
+            const std::string marker = Msg(146, {"@"});
+            const std::string prefix = marker.substr(0, marker.find('@'));
+            const size_t at = r.out.find(prefix);
+            ASSERT_NE(at, std::string::npos);
+            const size_t end = r.out.find('\n', at);
+            const std::string location = r.out.substr(at + prefix.size(), end - at - prefix.size());
+            EXPECT_EQ(Slurp(location), Slurp(files[i])) << keys[i];
+        }
+    }
+    EXPECT_EQ(FilesEndingIn(".xml"), size_t{kRounds * kAdds});
+    EXPECT_EQ(FilesEndingIn(".dat"), size_t{kRounds * kAdds});
+}
+
+// Entry files of every unusable kind hide no other entry from list, describe
+// and purge, none of which blocks on a FIFO; each says how many it skipped,
+// in one line of its own on standard error, and exits 1.
+TEST_F(FanoutDepotTool, UnusableEntryFilesAreCountedAndHideNothing) {
+    for (int i = 0; i < 7; ++i) {
+        const std::vector<std::string> deadline = {"--deadline", i < 3 ? "1000" : "2100/01/01"};
+        std::vector<std::string> args = {depot_, "add", "e" + std::to_string(i) + "^1",
+                                         Sample("s" + std::to_string(i), 2048)};
+        args.insert(args.end(), deadline.begin(), deadline.end());
+        ASSERT_EQ(Run(args).status, 0);
+    }
+    ASSERT_EQ(mkdir((depot_ + "/00000000.90.xml").c_str(), 0700), 0);
+    ASSERT_EQ(symlink("nowhere", (depot_ + "/00000000.91.xml").c_str()), 0);
+    ASSERT_EQ(mkfifo((depot_ + "/00000000.92.xml").c_str(), 0600), 0);
+    ASSERT_EQ(truncate(Sample("depot/00000000.93.xml", 1).c_str(), off_t{3} << 30), 0);
+
+    const std::string skipped = "fanout-depot: 4 entry files of the depot could not be used";
+    Result r = Run({depot_, "list"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(std::count(r.out.begin(), r.out.end(), '\n'), 8) << r.out;
+    EXPECT_EQ(r.err.rfind(skipped, 0), 0u) << r.err;
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+    r = Run({depot_, "describe"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.out.find(Msg(163, {"14"})), std::string::npos) << r.out;
+    r = Run({depot_, "--size", "15", "add", "big^1", Sample("big", 4096)});
+    EXPECT_EQ(r.err, "fanout-depot: " + Msg(7, {"4"}));  // the size limit still holds
+    r = Run({depot_, "purge", "--expired"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err.rfind(skipped, 0), 0u) << r.err;
+    EXPECT_EQ(FilesEndingIn(".dat"), 4u);
+    EXPECT_EQ(Run({depot_, "list", "e2^1"}).status, 1);
+    EXPECT_EQ(Run({depot_, "list", "e3^1"}).status, 1);  // found, but others were skipped
+}
+
+// Nothing the depot's files point at, nor links planted at the names the
+// depot and an image would use, is written or removed.
+TEST_F(FanoutDepotTool, NothingOutsideTheDepotIsWrittenOrRemoved) {
+    ASSERT_EQ(Run({depot_, "add", "seed^1", Sample("seed", 10)}).status, 0);
+    const std::string victim = Sample("victim", 6);
+    auto untouched = [&] { return Slurp(victim) == std::string(6, 'x'); };
+    // Links at the next entry and data names of a key.
+    ASSERT_EQ(symlink(victim.c_str(), (depot_ + "/" + FirstName("a", "1") + ".dat").c_str()), 0);
+    ASSERT_EQ(symlink(victim.c_str(), (depot_ + "/" + FirstName("b", "1") + ".xml").c_str()), 0);
+    EXPECT_EQ(Run({depot_, "add", "a^1", Sample("a", 100)}).status, 0);
+    EXPECT_EQ(Run({depot_, "add", "b^1", Sample("b", 100)}).status, 0);
+    EXPECT_TRUE(untouched());
+    // An entry whose location names the victim: delete and purge leave it.
+    const std::string entry = depot_ + "/" + FirstName("seed", "1") + ".xml";
+    std::string text = Slurp(entry);
+    const size_t from = text.find("<location>") + 10, to = text.find("</location>");
+    text.replace(from, to - from, victim);
+    std::ofstream(entry, std::ios::binary | std::ios::trunc) << text;
+    EXPECT_EQ(Run({depot_, "delete", "seed^1"}).status, 1);
+    EXPECT_EQ(Run({depot_, "purge"}).status, 1);
+    EXPECT_TRUE(untouched());
+    // An image written where links wait at the names it once used.
+    const std::string images = root_ + "/cdrom";
+    ASSERT_EQ(mkdir(images.c_str(), 0700), 0);
+    const std::string file = Sample("img.bin", 64);
+    for (const char* part : {"/img.bin.part", "/img^2.toc.part"}) {
+        ASSERT_EQ(symlink(victim.c_str(), (images + part).c_str()), 0);
+    }
+    EXPECT_EQ(Run({depot_, "image", "img^2", file, images}).status, 0);
+    EXPECT_TRUE(untouched());
+    EXPECT_EQ(Slurp(images + "/img.bin"), std::string(64, 'x'));
+}
+
+// A complete entry whose data was lost is stored again by the next add; an
+// add killed half-way leaves a stale entry that another add replaces; keys
+// holding tag text are refused.
+TEST_F(FanoutDepotTool, DamagedAndStaleEntriesAreStoredAgain) {
+    const std::string file = Sample("seg", 3000);
+    const std::string data = depot_ + "/" + FirstName("seg", "1") + ".dat";
+    ASSERT_EQ(Run({depot_, "add", "seg^1", file}).status, 0);
+    ASSERT_EQ(truncate(data.c_str(), 0), 0);
+    Result r = Run({depot_, "add", "seg^1", file});
+    EXPECT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(Slurp(data), Slurp(file));
+    ASSERT_EQ(unlink(data.c_str()), 0);
+    EXPECT_EQ(Run({depot_, "list"}).status, 1);  // the entry without data is skipped
+    EXPECT_EQ(Run({depot_, "add", "seg^1", file}).status, 0);
+    EXPECT_EQ(Slurp(data), Slurp(file));
+
+    pid_t child = fork();
+    if (child == 0) {
+        if (chdir(depot_.c_str()) != 0) _exit(1);
+        DepotHandle* h = nullptr;
+        DepotNew(&h, depot_.c_str(), 0);
+        _exit(DepotAddEntry(h, "killed", "1", nullptr, 0) != nullptr ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    r = Run({depot_, "add", "killed^1", file});
+    EXPECT_EQ(r.status, 0) << r.err;
+    r = Run({depot_, "list", "killed^1"});
+    EXPECT_NE(r.out.find("permanent"), std::string::npos) << r.out;
+
+    for (const char* key : {"x<state>^1", "<id>x</id>^1"}) {
+        EXPECT_EQ(Run({depot_, "add", key, file}).status, 1) << key;
+    }
+    EXPECT_EQ(FilesEndingIn(".xml"), 2u);
+}
+
+// check names every inconsistency, --repair moves what cannot be trusted to
+// lost+found and removes orphans, and a repaired depot checks clean.
+TEST_F(FanoutDepotTool, CheckFindsAndRepairsEveryKindOfDamage) {
+    for (const char* key : {"good^1", "short^1", "far^1", "wip^1", "dup^1"}) {
+        ASSERT_EQ(Run({depot_, "add", key, Sample(key, 100)}).status, 0);
+    }
+    auto at = [&](const std::string& name) { return depot_ + "/" + name; };
+    std::ofstream(at("00000000.77.xml")) << "garbage";                    // does not parse
+    ASSERT_EQ(mkfifo(at("00000000.78.xml").c_str(), 0600), 0);            // not regular
+    std::ofstream(at("00000000.79.dat")) << "orphan";                     // data, no entry
+    ASSERT_EQ(truncate(at(FirstName("short", "1") + ".dat").c_str(), 5), 0);  // size
+    const std::string far = at(FirstName("far", "1") + ".xml");
+    std::string text = Slurp(far);
+    const size_t from = text.find("<location>") + 10, to = text.find("</location>");
+    std::ofstream(far, std::ios::trunc) << text.replace(from, to - from, root_ + "/far^1");
+    // An entry in progress whose writer is gone.
+    const std::string wip = at(FirstName("wip", "1") + ".xml");
+    text = Slurp(wip);
+    text.replace(text.find("<state>1</state>"), 16, "<state>0</state>");
+    std::ofstream(wip, std::ios::trunc) << text;
+    // The same sequence number twice, and no data for the good entry's twin.
+    const std::string dup = FirstName("dup", "1");
+    text = Slurp(at(dup + ".xml"));
+    text.replace(text.find(dup + ".dat"), dup.size() + 4, dup.substr(0, 9) + "00.dat");
+    std::ofstream(at(dup.substr(0, 9) + "00.xml")) << text;
+    std::ofstream(at(dup.substr(0, 9) + "00.dat")) << std::string(100, 'x');
+    ASSERT_EQ(unlink(at(FirstName("good", "1") + ".dat").c_str()), 0);
+
+    Result r = Run({depot_, "check"});
+    EXPECT_EQ(r.status, 4) << r.out;
+    EXPECT_EQ(r.err, "");
+    for (const std::string& line : std::vector<std::string>{
+             "00000000.77.xml does not parse", "00000000.78.xml is not a regular file",
+          "00000000.79.dat is a data file without an entry file",
+          FirstName("short", "1") + ".xml has 5 bytes of data where its description says 100",
+          FirstName("far", "1") + ".xml names the location " + root_ + "/far^1",
+          FirstName("wip", "1") + ".xml is an entry in progress whose writer is gone",
+          dup.substr(0, 9) + "00.xml uses the same sequence number as " + dup + ".xml",
+          FirstName("good", "1") + ".xml has no data file"}) {
+        EXPECT_NE(r.out.find(line), std::string::npos) << line << "\n" << r.out;
+    }
+    EXPECT_NE(r.out.find("8 problems found"), std::string::npos) << r.out;
+
+    r = Run({depot_, "check", "--repair"});
+    EXPECT_EQ(r.status, 3) << r.out;
+    EXPECT_NE(r.out.find("8 problems found and repaired"), std::string::npos) << r.out;
+    std::vector<std::string> kept;
+    for (auto& e : fs::directory_iterator(depot_ + "/lost+found")) {
+        kept.push_back(e.path().filename().string());
+    }
+    std::sort(kept.begin(), kept.end());
+    const std::string s = FirstName("short", "1"), f = FirstName("far", "1");
+    std::vector<std::string> expected = {"00000000.77.xml", "00000000.78.xml",
+                                         dup.substr(0, 9) + "00.dat", dup.substr(0, 9) + "00.xml",
+                                         s + ".dat", s + ".xml", f + ".dat", f + ".xml"};
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(kept, expected);
+    r = Run({depot_, "check"});
+    EXPECT_EQ(r.status, 0) << r.out;
+    EXPECT_EQ(FilesEndingIn(".xml"), 1u);  // dup^1 is all that is left
+    EXPECT_EQ(Run({depot_, "list", "dup^1"}).status, 0);
+
+    // A lost+found that is not a directory cannot take anything.
+    fs::remove_all(depot_ + "/lost+found");
+    std::ofstream(depot_ + "/lost+found") << "in the way";
+    std::ofstream(at("00000000.77.xml")) << "garbage";
+    r = Run({depot_, "check", "--repair"});
+    EXPECT_EQ(r.status, 5) << r.out;
+}
+
+// Standard error carries the tool's sentences only; the library's log lines
+// go to FANOUT_LOG_FILE, or to standard error with --verbose.
+TEST_F(FanoutDepotTool, LibraryLogLinesGoToTheLogOrVerbose) {
+    ASSERT_EQ(Run({depot_, "add", "a^1", Sample("a", 10)}).status, 0);
+    ASSERT_EQ(mkdir((depot_ + "/00000000.90.xml").c_str(), 0700), 0);
+    const std::string trace = "DepotEntryEnumNextElement error -4 opening file";
+    Result r = Run({depot_, "list"});
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+    r = Run({depot_, "--verbose", "list"});
+    EXPECT_NE(r.err.find(trace), std::string::npos) << r.err;
+    const std::string log = root_ + "/log";
+    r = Run({depot_, "list"}, {"FANOUT_LOG_FILE=" + log});
+    EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+    EXPECT_NE(Slurp(log).find(trace), std::string::npos);
 }
 
 }  // namespace

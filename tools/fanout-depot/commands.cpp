@@ -4,23 +4,30 @@
 // add that cannot copy its file removes the entry it made and gives its
 // reservation back, and an image is written under temporary names and
 // renamed into place only once complete.
+#include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <climits>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "fanout/depot.h"
 #include "fanout/keys.h"
 #include "fanout/palfile.h"
+#include "fanout/palmemory.h"
 #include "fanout/properties.h"
+#include "fanout/runtime.h"
 #include "fanout/types.h"
 #include "tool.h"
 
@@ -30,7 +37,7 @@ namespace {
 
 // Open flags of the portability layer.
 constexpr PalInt32 kReadOnly = 0x1;
-constexpr PalInt32 kWriteCreateTruncate = 0x2 | 0x100 | 0x200;
+constexpr PalInt32 kWriteExisting = PAL_OPEN_WRONLY | PAL_OPEN_NOFOLLOW | PAL_OPEN_REGULAR;
 constexpr size_t kCopyBlock = 1u << 20;
 
 void Print(const std::string& text) { std::fputs(text.c_str(), stdout); }
@@ -74,6 +81,42 @@ bool CopyAll(PalFileHandle in, PalFileHandle out, std::string* why) {
             done += put;
         }
     }
+}
+
+// Writes all `size` bytes; false (with *why) on a failure.
+bool WriteAll(PalFileHandle out, const uint8_t* data, size_t size, std::string* why) {
+    for (size_t done = 0; done < size;) {
+        PalUint32 put = 0;
+        const size_t chunk = std::min<size_t>(size - done, kCopyBlock);
+        const PalError e = PalFileWrite(out, data + done, static_cast<PalUint32>(chunk), &put);
+        if (e.palError != PAL_OK || put == 0) {
+            *why = std::string("write failed: ") +
+                   std::strerror(e.palError != PAL_OK ? e.nativeError : ENOSPC);
+            return false;
+        }
+        done += put;
+    }
+    return true;
+}
+
+// Creates "<target>.XXXXXX.part" with an unpredictable name, exclusively,
+// and opens it for writing without following links. False (with *why) when
+// it cannot be made.
+bool NewPartFile(const std::string& target, std::string* part, PalFileHandle* out,
+                 std::string* why) {
+    std::string name = target + ".XXXXXX.part";
+    const int fd = ::mkstemps(name.data(), 5);
+    if (fd < 0) {
+        *why = "cannot create a temporary file beside " + target + ": " + std::strerror(errno);
+        return false;
+    }
+    ::close(fd);
+    *part = name;
+    if (PalFileOpen(out, name.c_str(), kWriteExisting).palError != PAL_OK) {
+        *why = "cannot open " + name;
+        return false;
+    }
+    return true;
 }
 
 // A deadline: seconds since the epoch, or local "YYYY/MM/DD[ HH:MM:SS]".
@@ -129,7 +172,11 @@ std::string BaseName(const std::string& path) {
 
 int Describe(const Options& o) {
     Session s(ResolveDepotDir(o.depot), 0);  // only an add spends the balance
-    const uint32_t temporary = s.TemporaryKiB();
+    const Scan scan = s.Entries();
+    uint32_t temporary = 0;
+    for (const auto& e : scan.entries) {
+        if (e.state == 0) temporary += ConvertDataSize(e.bytes);
+    }
     const uint32_t stored = s.StoredKiB();
     // Every data file in the directory is stored; those of entries still in
     // progress are shown apart as temporary.
@@ -147,7 +194,7 @@ int Describe(const Options& o) {
     Print(Message(162, {std::to_string(permanent)}));
     Print(Message(163, {std::to_string(total)}));
     Print(Message(164, {std::to_string(free)}));
-    return kOk;
+    return ReportSkipped(o, scan.skipped);
 }
 
 int Add(const Options& o, const std::vector<std::string>& args) {
@@ -183,11 +230,34 @@ int Add(const Options& o, const std::vector<std::string>& args) {
                       ": an entry for it is in progress, or the depot cannot be written");
     }
     if (entry->state != 0) {
-        // A complete segment is reused, not stored twice.
-        DepotFreeEntry(h, entry);
-        DepotUnreserveDiskSpace(h, kib);
-        Print(name.Text() + " is already in the depot\n");
-        return kOk;
+        // A complete segment is reused, not stored twice, once its data file
+        // holds what its description says (or, without one, what the file
+        // to add holds); a copy that lost bytes is stored again.
+        const Description stored = DescriptionOf(entry);
+        const int64_t expected = stored.size >= 0 ? stored.size : source.size;
+        PalUint64 bytes = 0;
+        const bool whole = DepotEntryGetFileSize(h, entry, &bytes).palError == PAL_OK &&
+                           bytes == static_cast<PalUint64>(expected);
+        if (whole) {
+            DepotFreeEntry(h, entry);
+            DepotUnreserveDiskSpace(h, kib);
+            Print(name.Text() + " is already in the depot\n");
+            return kOk;
+        }
+        if (entry->state != 1 || DepotRemoveEntry(h, entry, PAL_TRUE).palError != PAL_OK) {
+            if (entry->state != 1) DepotFreeEntry(h, entry);
+            DepotUnreserveDiskSpace(h, kib);
+            throw Failure("cannot add " + name.Text() +
+                          ": the stored copy lost data and cannot be replaced now (it is in use "
+                          "or cannot be removed)");
+        }
+        entry = DepotAddEntry(h, name.id.c_str(), name.version.c_str(), description.data(),
+                              static_cast<PalUint32>(description.size()));
+        if (entry == nullptr || entry->state != 0) {
+            if (entry != nullptr) DepotFreeEntry(h, entry);
+            DepotUnreserveDiskSpace(h, kib);
+            throw Failure("cannot add " + name.Text() + ": another add of it is under way");
+        }
     }
     auto undo = [&](const std::string& why) {
         DepotRemoveEntry(h, entry, PAL_TRUE);
@@ -244,21 +314,23 @@ int Image(const Options& o, const std::vector<std::string>& args) {
         if (c == '/') c = '_';
     }
     const std::string toc = imageDir + "/" + tocName + ".toc";
-    const std::string dataPart = data + ".part", tocPart = toc + ".part";
+    // Both are written under fresh names, created exclusively (no name an
+    // intruder could have prepared as a link), and renamed into place.
+    std::string dataPart, tocPart;
     auto fail = [&](const std::string& why) {
-        ::unlink(dataPart.c_str());
-        ::unlink(tocPart.c_str());
+        if (!dataPart.empty()) ::unlink(dataPart.c_str());
+        if (!tocPart.empty()) ::unlink(tocPart.c_str());
         throw Failure("cannot write the image of " + name.Text() + ": " + why);
     };
-    if (Absolute(data) != source.path) {
+    const bool copy = Absolute(data) != source.path;
+    if (copy) {
         std::string why;
         {
             PalFile in, out;
-            if (PalFileOpen(&in.f, source.path.c_str(), kReadOnly).palError != PAL_OK) {
+            if (!NewPartFile(data, &dataPart, &out.f, &why)) {
+                // why says what went wrong
+            } else if (PalFileOpen(&in.f, source.path.c_str(), kReadOnly).palError != PAL_OK) {
                 why = "cannot open " + source.path;
-            } else if (PalFileOpen(&out.f, dataPart.c_str(), kWriteCreateTruncate).palError !=
-                       PAL_OK) {
-                why = "cannot create " + dataPart + ": " + std::strerror(errno);
             } else {
                 CopyAll(in.f, out.f, &why);
             }
@@ -266,7 +338,8 @@ int Image(const Options& o, const std::vector<std::string>& args) {
         if (!why.empty()) fail(why);
     }
     // The table of contents: a property list whose nested "segment" list
-    // describes the segment, stored without a length word.
+    // describes the segment, in the bare layout (its marshalled bytes alone).
+    std::vector<uint8_t> tocBytes;
     Properties segment{}, top{};
     try {
         const std::vector<uint8_t> encoded =
@@ -274,15 +347,27 @@ int Image(const Options& o, const std::vector<std::string>& args) {
         properties_decode(TC_Kel_Fanout2_Properties, encoded.data(),
                           static_cast<uint32_t>(encoded.size()), &segment);
         properties_put_properties_dup(&top, "segment", &segment);
-        properties_save_without_len(&top, tocPart.c_str());
+        void* bytes = nullptr;
+        uint32_t length = 0;
+        properties_encode(TC_Kel_Fanout2_Properties, &top, &bytes, &length);
+        tocBytes.assign(static_cast<uint8_t*>(bytes), static_cast<uint8_t*>(bytes) + length);
+        mg_free(bytes);
     } catch (...) {
         kel_free_generic(&segment, TC_Kel_Fanout2_Properties);
         kel_free_generic(&top, TC_Kel_Fanout2_Properties);
-        fail("cannot write " + tocPart);
+        fail("cannot encode its table of contents");
     }
     kel_free_generic(&segment, TC_Kel_Fanout2_Properties);
     kel_free_generic(&top, TC_Kel_Fanout2_Properties);
-    if (Absolute(data) != source.path && ::rename(dataPart.c_str(), data.c_str()) != 0) {
+    {
+        std::string why;
+        PalFile out;
+        if (NewPartFile(toc, &tocPart, &out.f, &why)) {
+            WriteAll(out.f, tocBytes.data(), tocBytes.size(), &why);
+        }
+        if (!why.empty()) fail(why);
+    }
+    if (copy && ::rename(dataPart.c_str(), data.c_str()) != 0) {
         fail("cannot rename " + dataPart + ": " + std::strerror(errno));
     }
     if (::rename(tocPart.c_str(), toc.c_str()) != 0) {
@@ -306,13 +391,17 @@ int List(const Options& o, const std::vector<std::string>& args) {
     SegmentName wanted;
     if (!filter.empty()) wanted = ParseSegmentName(filter);
     Session s(ResolveDepotDir(o.depot), 0);  // only an add spends the balance
+    const Scan scan = s.Entries();
     std::vector<EntryInfo> shown;
-    for (auto& e : s.Entries()) {
+    for (auto& e : scan.entries) {
         if (filter.empty() || (e.id == wanted.id && e.version == wanted.version)) {
             shown.push_back(e);
         }
     }
-    if (!filter.empty() && shown.empty()) throw Failure(Message(170, {filter}));
+    if (!filter.empty() && shown.empty()) {
+        ReportSkipped(o, scan.skipped);
+        throw Failure(Message(170, {filter}));
+    }
     if (!longForm) {
         char line[512];
         std::snprintf(line, sizeof line, "%-24s %-12s %-10s %10s  %s", Message(135).c_str(),
@@ -324,7 +413,7 @@ int List(const Options& o, const std::vector<std::string>& args) {
                           e.version.c_str(), StateWord(e.state), ConvertDataSize(e.bytes));
             Print(line + TimeText(e.dataModified));
         }
-        return kOk;
+        return ReportSkipped(o, scan.skipped);
     }
     int number = 0;
     for (const auto& e : shown) {
@@ -345,7 +434,7 @@ int List(const Options& o, const std::vector<std::string>& args) {
         Print(Message(154, {std::to_string(e.referenceCount)}));
         Print(Message(155, {StateWord(e.state)}));
     }
-    return kOk;
+    return ReportSkipped(o, scan.skipped);
 }
 
 int Delete(const Options& o, const std::vector<std::string>& args) {
@@ -354,7 +443,10 @@ int Delete(const Options& o, const std::vector<std::string>& args) {
     Session s(ResolveDepotDir(o.depot), 0);  // only an add spends the balance
     DepotEntry* e = DepotGetEntry(s.handle(), name.id.c_str(), name.version.c_str());
     if (e == nullptr) throw Failure(Message(158, {name.Text()}));
-    if (e->state != 1) {
+    // An entry in progress whose writer died is stale and goes like a
+    // complete one; a live writer's is refused, as is one in use by a stream.
+    const bool stale = e->state == 0 && !DepotEntryWriterAlive(s.handle(), e);
+    if (e->state != 1 && !stale) {
         const int number = e->state == 0 ? 156 : 157;  // in progress, or in use by a stream
         DepotFreeEntry(s.handle(), e);
         throw Failure(Message(number, {name.Text()}));
@@ -372,13 +464,345 @@ int Purge(const Options& o, const std::vector<std::string>& args) {
     const bool expired = args.size() == 1 && args[0] == "--expired";
     if (!args.empty() && !expired) throw UsageError("purge takes only --expired");
     Session s(ResolveDepotDir(o.depot), 0);  // only an add spends the balance
-    const PalError e =
-        expired ? DepotPurgeExpiredEntries(s.handle()) : DepotPurge(s.handle(), PAL_FALSE);
+    PalUint32 skipped = 0;
+    const PalError e = expired ? DepotPurgeExpiredCounting(s.handle(), &skipped)
+                               : DepotPurgeCounting(s.handle(), PAL_FALSE, &skipped);
     if (e.palError != PAL_OK && e.palError != PAL_ERR_NO_MORE) {
+        ReportSkipped(o, skipped);
         throw Failure("cannot purge the depot " + s.directory() + " (error " +
                       std::to_string(e.palError) + ")");
     }
-    return kOk;
+    return ReportSkipped(o, skipped);
+}
+
+// ---------------------------------------------------------------- check
+//
+// check reads the depot directory itself under the depot lock (the entry
+// lock while it reads entry files), judges every entry file and data file,
+// and with --repair acts on each finding: what cannot be trusted goes to
+// "lost+found" inside the depot (an entry file together with its data
+// file), orphans are removed. It never follows a link, never opens anything
+// but a regular file, and never touches a file outside the depot.
+
+namespace {
+
+constexpr const char* kLostFound = "lost+found";
+constexpr off_t kLargestEntryFile = off_t{64} << 20;
+
+enum class Action { kLostFound, kRemove };
+
+struct Finding {
+    std::string name;     // the file the finding is about
+    std::string problem;  // what is wrong, a sentence part
+    Action action = Action::kLostFound;
+    std::string companion;  // the data file that goes along, if any
+};
+
+struct EntryFile {
+    std::string name;
+    bool regular = false;
+    bool readable = false;
+    std::string text;
+};
+
+bool EndsWith(const std::string& s, const char* suffix) {
+    const size_t n = std::strlen(suffix);
+    return s.size() > n && s.compare(s.size() - n, n, suffix) == 0;
+}
+
+// The data file's name for an entry file's ("<stem>xml" -> "<stem>dat").
+std::string CompanionOf(const std::string& entryName) {
+    return entryName.substr(0, entryName.size() - 3) + "dat";
+}
+
+// Reads a regular file without following a link or blocking; false when it
+// cannot be read whole.
+bool ReadEntryText(int dir, const std::string& name, std::string* text) {
+    const int fd = ::openat(dir, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return false;
+    struct stat st {};
+    bool ok = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size < kLargestEntryFile;
+    if (ok) {
+        text->assign(static_cast<size_t>(st.st_size), '\0');
+        size_t done = 0;
+        while (ok && done < text->size()) {
+            const ssize_t n = ::read(fd, text->data() + done, text->size() - done);
+            if (n <= 0) ok = false;
+            done += n > 0 ? static_cast<size_t>(n) : 0;
+        }
+    }
+    ::close(fd);
+    return ok;
+}
+
+// True when `location` is "<depot>/<data>", the depot directory spelt as
+// the tool does or otherwise (the same directory by file identity).
+bool OwnLocation(const std::string& depot, const std::string& location, const std::string& data) {
+    if (location == depot + "/" + data) return true;
+    const auto slash = location.rfind('/');
+    if (slash == std::string::npos || location.compare(slash + 1, std::string::npos, data) != 0) {
+        return false;
+    }
+    struct stat a {}, b {};
+    return ::stat(location.substr(0, slash).c_str(), &a) == 0 && ::stat(depot.c_str(), &b) == 0 &&
+           a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+// The canonical entry-file name of a bucket and sequence number.
+std::string CanonicalName(const std::string& bucket, long number) {
+    return bucket + "." + std::to_string(number) + ".xml";
+}
+
+// A free name in lost+found for `name`.
+std::string FreeName(int lostFound, const std::string& name) {
+    std::string candidate = name;
+    struct stat st {};
+    for (int i = 1; ::fstatat(lostFound, candidate.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0; ++i) {
+        candidate = name + "." + std::to_string(i);
+    }
+    return candidate;
+}
+
+// Moves `name` into lost+found (which `lostFound` is open on); "" or why not.
+std::string MoveToLostFound(int dir, int lostFound, const std::string& name) {
+    if (lostFound < 0) return "there is no usable lost+found directory";
+    if (::renameat(dir, name.c_str(), lostFound, FreeName(lostFound, name).c_str()) != 0) {
+        return std::strerror(errno);
+    }
+    return {};
+}
+
+// Removes `name` when it is a regular file; "" or why not.
+std::string RemoveRegular(int dir, const std::string& name) {
+    struct stat st {};
+    if (::fstatat(dir, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return std::strerror(errno);
+    if (!S_ISREG(st.st_mode)) return "not a regular file";
+    if (::unlinkat(dir, name.c_str(), 0) != 0) return std::strerror(errno);
+    return {};
+}
+
+// Opens lost+found inside the depot, making it when missing; -1 when it is
+// not a directory of its own or cannot be made.
+int OpenLostFound(int dir) {
+    if (::mkdirat(dir, kLostFound, 0700) != 0 && errno != EEXIST) return -1;
+    return ::openat(dir, kLostFound, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+}
+
+// Holds the depot lock of a session for the life of the object.
+class DepotLockHold {
+public:
+    explicit DepotLockHold(Session& s) : h_(s.handle()) {
+        if (PalWaitSem(&h_->depotLock).palError != PAL_OK) {
+            throw Failure("cannot lock the depot " + s.directory());
+        }
+    }
+    ~DepotLockHold() { PalPostSem(&h_->depotLock); }
+    DepotLockHold(const DepotLockHold&) = delete;
+    DepotLockHold& operator=(const DepotLockHold&) = delete;
+
+private:
+    DepotHandle* h_;
+};
+
+// Judges every file of the depot open at `dir` and returns the findings.
+// REQUIRES: depot lock held.
+std::vector<Finding> Inspect(Session& s, int dir) {
+    DepotHandle* h = s.handle();
+    std::vector<EntryFile> entryFiles;
+    std::set<std::string> entryNames, dataNames;
+    std::vector<Finding> findings;
+    {
+        DIR* d = ::fdopendir(::dup(dir));
+        if (d == nullptr) {
+            throw Failure("cannot read the depot directory " + s.directory() + ": " +
+                          std::strerror(errno));
+        }
+        // Entry files are read under the entry lock, so that none is seen
+        // half rewritten.
+        const bool entryLocked = PalWaitSem(&h->entryLock).palError == PAL_OK;
+        while (const dirent* e = ::readdir(d)) {
+            const std::string name = e->d_name;
+            const bool entry = EndsWith(name, "xml"), data = EndsWith(name, "dat");
+            if (!entry && !data) continue;  // the lock files, lost+found, foreign files
+            struct stat st {};
+            const bool regular = ::fstatat(dir, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+                                 S_ISREG(st.st_mode);
+            if (data) {
+                if (regular) dataNames.insert(name);
+                else findings.push_back({name, "is not a regular file", Action::kLostFound, {}});
+                continue;
+            }
+            entryNames.insert(name);
+            EntryFile f{name, regular, false, {}};
+            if (regular) f.readable = ReadEntryText(dir, name, &f.text);
+            entryFiles.push_back(std::move(f));
+        }
+        if (entryLocked) PalPostSem(&h->entryLock);
+        ::closedir(d);
+    }
+    std::sort(entryFiles.begin(), entryFiles.end(),
+              [](const EntryFile& a, const EntryFile& b) { return a.name < b.name; });
+
+    // Each entry file on its own.
+    struct Healthy {
+        std::string name, key, bucket;
+        long number;
+    };
+    std::vector<Healthy> healthy;
+    for (const auto& f : entryFiles) {
+        const std::string data = CompanionOf(f.name);
+        const std::string companion = dataNames.count(data) != 0 ? data : std::string();
+        auto damaged = [&](const std::string& problem) {
+            findings.push_back({f.name, problem, Action::kLostFound, companion});
+        };
+        if (!f.regular) {
+            damaged("is not a regular file");
+            continue;
+        }
+        if (!f.readable) {
+            damaged("cannot be read");
+            continue;
+        }
+        DepotEntry* e = DepotEntryNewFromToc(h, f.text.c_str());
+        if (e == nullptr) {
+            damaged("does not parse as an entry file");
+            continue;
+        }
+        const std::string id = e->id, version = e->version, location = e->location;
+        const int32_t state = e->state;
+        const Description description = DescriptionOf(e);
+        e->entryFilePath = PalStringDup((s.directory() + "/" + f.name).c_str());
+        const bool alive = state == 0 && DepotEntryWriterAlive(h, e);
+        DepotFreeEntry_internal(h, e);
+        PalChar* bucket = DepotFindBucket(id.c_str(), version.c_str());
+        const std::string keyBucket = bucket != nullptr ? bucket : "";
+        PalMemoryFree(bucket);
+
+        if (!OwnLocation(s.directory(), location, data)) {
+            damaged("names the location " + location + ", which is not its own data file in " +
+                    "the depot");
+        } else if (f.name.compare(0, 8, keyBucket) != 0) {
+            damaged("holds " + id + "^" + version + ", whose bucket is " + keyBucket);
+        } else if (companion.empty()) {
+            findings.push_back({f.name, "has no data file", Action::kRemove, {}});
+        } else if (alive) {
+            // An add under way: nothing to judge yet.
+        } else if (state == 0) {
+            findings.push_back(
+                {f.name, "is an entry in progress whose writer is gone", Action::kRemove, data});
+        } else {
+            struct stat st {};
+            ::fstatat(dir, data.c_str(), &st, AT_SYMLINK_NOFOLLOW);
+            if (description.size >= 0 && st.st_size != description.size) {
+                damaged("has " + std::to_string(st.st_size) + " bytes of data where its " +
+                        "description says " + std::to_string(description.size));
+            } else {
+                healthy.push_back({f.name, id + "^" + version, f.name.substr(0, 8),
+                                   std::strtol(f.name.c_str() + 9, nullptr, 10)});
+            }
+        }
+    }
+
+    // Sequence numbers and keys used twice: the entry file under the
+    // canonical name (then the first by name) stays.
+    auto keepFirst = [&](auto keyOf, const std::string& what) {
+        std::map<std::string, std::vector<const Healthy*>> groups;
+        for (const auto& e : healthy) groups[keyOf(e)].push_back(&e);
+        for (auto& [key, group] : groups) {
+            if (group.size() < 2) continue;
+            std::stable_sort(group.begin(), group.end(), [](const Healthy* a, const Healthy* b) {
+                return (a->name == CanonicalName(a->bucket, a->number)) >
+                       (b->name == CanonicalName(b->bucket, b->number));
+            });
+            for (size_t i = 1; i < group.size(); ++i) {
+                const std::string data = CompanionOf(group[i]->name);
+                findings.push_back({group[i]->name, what + " " + group[0]->name + " does",
+                                    Action::kLostFound, data});
+            }
+        }
+    };
+    std::set<std::string> before;
+    for (const auto& f : findings) before.insert(f.name);
+    keepFirst([](const Healthy& e) { return e.bucket + "." + std::to_string(e.number); },
+              "uses the same sequence number as");
+    for (const auto& f : findings) before.insert(f.name);
+    std::vector<Healthy> still;
+    for (const auto& e : healthy) {
+        if (before.count(e.name) == 0) still.push_back(e);
+    }
+    healthy = still;
+    keepFirst([](const Healthy& e) { return e.key; }, "holds the same key as");
+
+    // Data files that no entry file accounts for.
+    for (const auto& data : dataNames) {
+        const std::string entry = data.substr(0, data.size() - 3) + "xml";
+        if (entryNames.count(entry) == 0) {
+            findings.push_back({data, "is a data file without an entry file", Action::kRemove, {}});
+        }
+    }
+    return findings;
+}
+
+}  // namespace
+
+int Check(const Options& o, const std::vector<std::string>& args) {
+    const bool repair = args.size() == 1 && args[0] == "--repair";
+    if (!args.empty() && !repair) throw UsageError("check takes only --repair");
+    Session s(ResolveDepotDir(o.depot), 0);
+    DepotLockHold held(s);
+    const int dir = ::open(s.directory().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir < 0) {
+        throw Failure("cannot open the depot directory " + s.directory() + ": " +
+                      std::strerror(errno));
+    }
+    std::vector<Finding> findings;
+    try {
+        findings = Inspect(s, dir);
+    } catch (...) {
+        ::close(dir);
+        throw;
+    }
+    const int lostFound = repair && !findings.empty() ? OpenLostFound(dir) : -1;
+    size_t failed = 0;
+    for (const auto& f : findings) {
+        std::string line = f.name + " " + f.problem;
+        if (repair) {
+            std::string why;
+            if (f.action == Action::kRemove) {
+                why = RemoveRegular(dir, f.name);
+                if (why.empty() && !f.companion.empty()) why = RemoveRegular(dir, f.companion);
+                line += why.empty() ? "; removed" : "; not removed: " + why;
+            } else {
+                // The data file first: an entry file never leaves while its
+                // data file stays behind without it.
+                if (!f.companion.empty()) why = MoveToLostFound(dir, lostFound, f.companion);
+                if (why.empty()) why = MoveToLostFound(dir, lostFound, f.name);
+                line += why.empty() ? std::string("; moved to ") + kLostFound
+                                    : "; not moved to " + std::string(kLostFound) + ": " + why;
+            }
+            if (!why.empty()) ++failed;
+        }
+        Print(line + "\n");
+    }
+    if (lostFound >= 0) ::close(lostFound);
+    ::close(dir);
+    const std::string count =
+        std::to_string(findings.size()) + (findings.size() == 1 ? " problem" : " problems");
+    if (findings.empty()) {
+        Print("The depot " + s.directory() + " is consistent.\n");
+        return kOk;
+    }
+    if (!repair) {
+        Print(count + " found; \"" + o.program + " " + o.depot +
+              " check --repair\" repairs them.\n");
+        return kFound;
+    }
+    if (failed == 0) {
+        Print(count + " found and repaired.\n");
+        return kRepaired;
+    }
+    Print(count + " found; " + std::to_string(failed) + " could not be repaired.\n");
+    return kUnrepairable;
 }
 
 }  // namespace fanout::tool

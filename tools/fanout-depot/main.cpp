@@ -7,17 +7,26 @@
 //   fanout-depot DEPOT list [id^version] [-l]
 //   fanout-depot DEPOT delete id^version
 //   fanout-depot DEPOT purge [--expired]
+//   fanout-depot DEPOT check [--repair]
 //
 // DEPOT is a depot directory, or "." for this host's configured depot.
-// "--size KiB" may stand anywhere after the program name. Output texts are
-// the service's catalogue messages; errors are one line on standard error.
+// "--size KiB" and "--verbose" may stand anywhere after the program name.
+// Output texts are the service's catalogue messages; errors are one line on
+// standard error. Standard error carries only the tool's own sentences: the
+// library's log lines go to FANOUT_LOG_FILE when it is set, to standard error
+// with --verbose, and nowhere otherwise. The depot's locks are strict unless
+// FANOUT_DEPOT_STRICT_LOCKS=0 (or "depot_strict_locks=0" in the
+// configuration file) says otherwise.
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <string>
 #include <vector>
 
+#include "fanout/depot.h"
 #include "fanout/exception.h"
+#include "fanout/log.h"
 #include "fanout/types.h"
 #include "tool.h"
 
@@ -26,13 +35,39 @@ using fanout::tool::Options;
 namespace {
 
 std::string Usage(const std::string& program) {
-    return fanout::tool::Message(134, std::vector<std::string>(8, program));
+    // The catalogue's usage text, and the check command it predates.
+    return fanout::tool::Message(134, std::vector<std::string>(8, program)) + " " + program +
+           " repeater_name check [--repair]\n";
 }
 
-// Takes "--size N" out of the arguments.
-std::vector<std::string> TakeSize(std::vector<std::string> args, Options& o) {
+void ToStandardError(int32_t, const char* line, void*) {
+    std::fputs(line, stderr);
+    const size_t n = std::strlen(line);
+    if (n == 0 || line[n - 1] != '\n') std::fputc('\n', stderr);
+}
+
+void Discard(int32_t, const char*, void*) {}
+
+// The library's log lines: to FANOUT_LOG_FILE when set (the runtime's own
+// destination), to standard error with --verbose, else nowhere, so that
+// standard error carries only the tool's sentences.
+void RouteLibraryLog(bool verbose) {
+    if (verbose) {
+        fanout_log_set_handler(&ToStandardError, nullptr);
+        return;
+    }
+    const char* file = std::getenv("FANOUT_LOG_FILE");
+    if (file == nullptr || *file == '\0') fanout_log_set_handler(&Discard, nullptr);
+}
+
+// Takes "--size N" and "--verbose" out of the arguments.
+std::vector<std::string> TakeOptions(std::vector<std::string> args, Options& o) {
     std::vector<std::string> rest;
     for (size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--verbose") {
+            o.verbose = true;
+            continue;
+        }
         if (args[i] != "--size") {
             rest.push_back(args[i]);
             continue;
@@ -57,7 +92,9 @@ int Run(int argc, char** argv) {
         o.program = o.program.substr(slash + 1);
     }
     try {
-        std::vector<std::string> args = TakeSize({argv + (argc > 0 ? 1 : 0), argv + argc}, o);
+        std::vector<std::string> args =
+            TakeOptions({argv + (argc > 0 ? 1 : 0), argv + argc}, o);
+        RouteLibraryLog(o.verbose);
         if (args.size() == 1 && (args[0] == "help" || args[0] == "--help" || args[0] == "-h")) {
             std::fputs(Usage(o.program).c_str(), stdout);
             return fanout::tool::kOk;
@@ -73,6 +110,7 @@ int Run(int argc, char** argv) {
         if (command == "list") return fanout::tool::List(o, rest);
         if (command == "delete") return fanout::tool::Delete(o, rest);
         if (command == "purge") return fanout::tool::Purge(o, rest);
+        if (command == "check") return fanout::tool::Check(o, rest);
         throw fanout::tool::UsageError("unknown command \"" + command + "\"");
     } catch (const fanout::tool::UsageError& e) {
         std::fprintf(stderr, "%s: %s\n", o.program.c_str(), e.what());
@@ -98,5 +136,7 @@ int Run(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     fanout_init();
+    // Processes exclude each other unless told otherwise.
+    DepotSetStrictLocksDefault(PAL_TRUE);
     return Run(argc, argv);
 }

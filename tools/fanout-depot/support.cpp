@@ -1,11 +1,14 @@
 // support.cpp - what every fanout-depot command needs: catalogue texts,
 // segment names and sources, the configured depot, and the open session.
+#include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <memory>
@@ -191,13 +194,48 @@ Session::~Session() {
     if (handle_ != nullptr) DepotFree(handle_);
 }
 
-std::vector<EntryInfo> Session::Entries() {
-    std::vector<EntryInfo> out;
+Description DescriptionOf(const DepotEntry* e) {
+    Description d;
+    if (e == nullptr || e->properties == nullptr || e->propertiesLength == 0) return d;
+    // The description is the service's own data: a list that does not
+    // decode is taken as no description.
+    PropertiesGuard p;
+    struct Decoding {
+        const DepotEntry* entry;
+        Properties* list;
+    } job{e, &p.list};
+    fanout_call(
+        [](void* arg) {
+            auto* j = static_cast<Decoding*>(arg);
+            properties_decode(TC_Kel_Fanout2_Properties, j->entry->properties,
+                              j->entry->propertiesLength, j->list);
+        },
+        &job, nullptr);
+    auto field = [&](const char* key, int64_t fallback) -> int64_t {
+        const int32_t i = properties_get_property_index(&p.list, key);
+        if (i < 0 || !TypeCode_equal(p.list.buffer[i].value._type, TC_long)) return fallback;
+        return *static_cast<int32_t*>(p.list.buffer[i].value._value);
+    };
+    d.size = field(SEGMENT_SIZE_KEY, -1);
+    d.ctime = field(SEGMENT_CTIME_KEY, 0);
+    d.mtime = field(SEGMENT_MTIME_KEY, 0);
+    return d;
+}
+
+Scan Session::Entries() {
+    Scan scan;
     const PalError locked = PalWaitSem(&handle_->depotLock);
     if (locked.palError != PAL_OK) throw Failure("cannot lock the depot " + directory_);
     DepotEnum* walk = nullptr;
-    if (DepotEnumNew(handle_, &walk).palError == PAL_OK && walk != nullptr) {
-        while (DepotEntry* e = DepotEntryEnumNextElement(walk)) {
+    const PalError opened = DepotEnumNew(handle_, &walk);
+    if (opened.palError != PAL_OK || walk == nullptr) {
+        PalPostSem(&handle_->depotLock);
+        throw Failure("cannot read the depot directory " + directory_ + ": " +
+                      std::strerror(opened.nativeError));
+    }
+    {
+        PalUint32 skipped = 0;
+        while (DepotEntry* e = DepotEntryEnumNextReadable(walk, &skipped)) {
             EntryInfo info;
             info.id = e->id ? e->id : "";
             info.version = e->version ? e->version : "";
@@ -208,62 +246,59 @@ std::vector<EntryInfo> Session::Entries() {
             info.openCount = e->openCount;
             info.writeCount = e->writeCount;
             info.deadline = e->deadline;
+            const Description d = DescriptionOf(e);
+            info.expectedSize = d.size;
+            info.ctime = d.ctime;
+            info.mtime = d.mtime;
+            // The record is the handle's; it is given back as soon as it has
+            // been read (the depot lock is held: no DepotFreeEntry here).
+            DepotFreeEntry_internal(handle_, e);
             struct stat st {};
-            if (::stat(info.location.c_str(), &st) == 0) {
-                info.bytes = static_cast<uint64_t>(st.st_size);
-                info.dataAccessed = Seconds(st.st_atim);
-                info.dataModified = Seconds(st.st_mtim);
+            if (::lstat(info.location.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
+                ++scan.skipped;  // an entry without its data file is damaged
+                continue;
             }
-            if (::stat(info.entryFile.c_str(), &st) == 0) info.entryCreated = Seconds(st.st_ctim);
-            if (e->properties != nullptr && e->propertiesLength > 0) {
-                // The description is the service's own data: a list that
-                // does not decode is shown without its fields.
-                PropertiesGuard p;
-                struct Decoding {
-                    DepotEntry* entry;
-                    Properties* list;
-                } job{e, &p.list};
-                fanout_call(
-                    [](void* arg) {
-                        auto* j = static_cast<Decoding*>(arg);
-                        properties_decode(TC_Kel_Fanout2_Properties, j->entry->properties,
-                                          j->entry->propertiesLength, j->list);
-                    },
-                    &job, nullptr);
-                auto field = [&](const char* key, int64_t fallback) -> int64_t {
-                    const int32_t i = properties_get_property_index(&p.list, key);
-                    if (i < 0 || !TypeCode_equal(p.list.buffer[i].value._type, TC_long)) {
-                        return fallback;
-                    }
-                    return *static_cast<int32_t*>(p.list.buffer[i].value._value);
-                };
-                info.expectedSize = field(SEGMENT_SIZE_KEY, -1);
-                info.ctime = field(SEGMENT_CTIME_KEY, 0);
-                info.mtime = field(SEGMENT_MTIME_KEY, 0);
-            }
-            out.push_back(std::move(info));
+            info.bytes = static_cast<uint64_t>(st.st_size);
+            info.dataAccessed = Seconds(st.st_atim);
+            info.dataModified = Seconds(st.st_mtim);
+            if (::lstat(info.entryFile.c_str(), &st) == 0) info.entryCreated = Seconds(st.st_ctim);
+            scan.entries.push_back(std::move(info));
         }
+        scan.skipped += skipped;
         DepotEntryEnumDelete(walk);
     }
     PalPostSem(&handle_->depotLock);
-    std::sort(out.begin(), out.end(), [](const EntryInfo& a, const EntryInfo& b) {
+    std::sort(scan.entries.begin(), scan.entries.end(), [](const EntryInfo& a, const EntryInfo& b) {
         return a.id != b.id ? a.id < b.id : a.version < b.version;
     });
-    return out;
-}
-
-uint32_t Session::TemporaryKiB() {
-    uint32_t total = 0;
-    for (const auto& e : Entries()) {
-        if (e.state == 0) total += ConvertDataSize(e.bytes);
-    }
-    return total;
+    return scan;
 }
 
 uint32_t Session::StoredKiB() {
-    PalUint32 total = 0;
-    DepotGetPermStorage(handle_, &total);
-    return total;
+    uint64_t total = 0;
+    if (DIR* d = ::opendir(directory_.c_str())) {
+        while (const dirent* e = ::readdir(d)) {
+            const size_t n = std::strlen(e->d_name);
+            if (n <= 3 || std::strcmp(e->d_name + n - 3, "dat") != 0) continue;
+            struct stat st {};
+            if (::fstatat(::dirfd(d), e->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 &&
+                S_ISREG(st.st_mode)) {
+                total += ConvertDataSize(static_cast<uint64_t>(st.st_size));
+            }
+        }
+        ::closedir(d);
+    }
+    return total > 0xFFFFFFFFu ? 0xFFFFFFFFu : static_cast<uint32_t>(total);
+}
+
+int ReportSkipped(const Options& o, uint32_t skipped) {
+    if (skipped == 0) return kOk;
+    std::fprintf(stderr,
+                 "%s: %u entry file%s of the depot could not be used (unreadable, damaged or "
+                 "without data) and %s left out; \"%s %s check\" tells more\n",
+                 o.program.c_str(), skipped, skipped == 1 ? "" : "s",
+                 skipped == 1 ? "was" : "were", o.program.c_str(), o.depot.c_str());
+    return kFailed;
 }
 
 }  // namespace fanout::tool

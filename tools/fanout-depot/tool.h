@@ -12,10 +12,16 @@
 
 namespace fanout::tool {
 
-// Exit codes.
+// Exit codes. list, describe and purge exit kFailed after their output when
+// entry files had to be skipped.
 constexpr int kOk = 0;
 constexpr int kFailed = 1;
 constexpr int kUsage = 2;
+// check: inconsistencies found and all repaired; found and left as they are
+// (no --repair); some could not be repaired.
+constexpr int kRepaired = 3;
+constexpr int kFound = 4;
+constexpr int kUnrepairable = 5;
 
 // A failure that ends the command: one line on standard error, exit 1.
 // The text is complete (catalogue texts keep their own newline).
@@ -52,6 +58,7 @@ struct Options {
     std::string depot;         // the DEPOT argument as given
     uint32_t sizeKiB = 0;      // --size, else depot_size, else 0 (no accounting)
     bool sizeGiven = false;
+    bool verbose = false;      // --verbose: the library's log lines on standard error
 };
 
 // The depot directory DEPOT names, made absolute ("." is this host's
@@ -75,6 +82,22 @@ struct EntryInfo {
     int64_t entryCreated = 0, dataAccessed = 0, dataModified = 0;
 };
 
+// What the segment description stored with an entry says (-1/0 when absent
+// or when it does not decode).
+struct Description {
+    int64_t size = -1;
+    int64_t ctime = 0, mtime = 0;
+};
+Description DescriptionOf(const DepotEntry* entry);
+
+// The entries a walk of the depot could use, and how many entry files it had
+// to skip: unreadable, not regular files, not parseable, naming a location
+// outside the depot, or whose data file is missing.
+struct Scan {
+    std::vector<EntryInfo> entries;  // sorted by id and version
+    uint32_t skipped = 0;
+};
+
 // An open depot. The process works inside the depot directory, so that the
 // lock files every user of the depot shares are the depot's own.
 class Session {
@@ -90,11 +113,10 @@ public:
     DepotHandle* handle() const { return handle_; }
     const std::string& directory() const { return directory_; }
 
-    // Every entry, sorted by id and version.
-    std::vector<EntryInfo> Entries();
-    // KiB of the data files of entries still in progress.
-    uint32_t TemporaryKiB();
-    // KiB of every data file stored in the depot directory.
+    // Every entry that can be used, and the count of those skipped.
+    Scan Entries();
+    // KiB of every regular data file ("*.dat") in the depot directory,
+    // whether an entry names it or not.
     uint32_t StoredKiB();
 
 private:
@@ -109,6 +131,12 @@ int Image(const Options& o, const std::vector<std::string>& args);
 int List(const Options& o, const std::vector<std::string>& args);
 int Delete(const Options& o, const std::vector<std::string>& args);
 int Purge(const Options& o, const std::vector<std::string>& args);
+int Check(const Options& o, const std::vector<std::string>& args);
+
+// Says on standard error that `skipped` entry files were left out and points
+// at check; returns the exit code the command ends with (kFailed when any
+// was skipped, else kOk).
+int ReportSkipped(const Options& o, uint32_t skipped);
 
 // The segment description stored with an entry and written to an image's
 // table of contents: id, version, size, location, ctime, mtime. Returns the
