@@ -1,25 +1,24 @@
 # Extra build steps of the stream tests, one section per test program.
 
 # --- content delivery service client (ferry_test) --------------------------
-# The service's client library is stood in for by libFerryClient.so, built
-# from ferry_double.cpp into a directory of its own (so that nothing finds it
-# by accident), and once more without "ReleaseFile" into another directory.
-# test_stream_ferry_test links the complete one in (the library already in
-# the process); the probe program, not linked to it, is started by the tests
-# to load it by base name and through the service's configuration file.
+# libFerryClient.so, the service's stand-in client library, is built from
+# ferry_double.cpp into a directory of its own (so nothing finds it by
+# accident), and once more without "ReleaseFile" into another. The test links
+# the complete one in; the probe, not linked to it, loads it by base name or
+# through the service's configuration file in processes of its own.
 if(TARGET test_stream_ferry_test)
   foreach(_variant ferry_double ferry_incomplete)
     add_library(fanout_${_variant} SHARED ${CMAKE_CURRENT_LIST_DIR}/ferry_double.cpp)
-    set_target_properties(fanout_${_variant} PROPERTIES
-      OUTPUT_NAME FerryClient
+    set_target_properties(fanout_${_variant} PROPERTIES OUTPUT_NAME FerryClient
       LIBRARY_OUTPUT_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/${_variant})
+    target_include_directories(fanout_${_variant} PRIVATE ${PROJECT_SOURCE_DIR}/include)
     target_link_libraries(fanout_${_variant} PRIVATE Threads::Threads)
     target_compile_options(fanout_${_variant} PRIVATE ${FANOUT_WARNINGS})
   endforeach()
   target_compile_definitions(fanout_ferry_incomplete PRIVATE FERRY_DOUBLE_INCOMPLETE)
 
   add_executable(test_stream_ferry_probe ${CMAKE_CURRENT_LIST_DIR}/ferry_probe.cpp)
-  target_link_libraries(test_stream_ferry_probe PRIVATE fanout_stream)
+  target_link_libraries(test_stream_ferry_probe PRIVATE fanout_stream ${CMAKE_DL_LIBS})
   target_compile_options(test_stream_ferry_probe PRIVATE ${FANOUT_WARNINGS})
 
   target_link_libraries(test_stream_ferry_test PRIVATE fanout_ferry_double)

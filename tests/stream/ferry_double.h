@@ -2,15 +2,19 @@
 // library (libFerryClient.so, built only for the tests).
 //
 // The stand-in keeps a "server" and a cache in ordinary directories: a
-// download of package P with manager M and destination D copies the file M/P
-// to D/h<handle>/P on a worker thread and then calls the completion callback
-// from that thread; "GetDownloadDirectory" gives the copy's path and
-// "GetSingleFileSize" the size of M/P. What each package does is set per
-// package with ferry_double_mode; unknown packages complete.
+// download of package P with manager M and destination D copies M/P to
+// D/h<handle>/P and calls back from a worker thread; "GetDownloadDirectory"
+// gives that path and "GetSingleFileSize" the size of M/P. Each package
+// behaves as its mode says; unknown packages complete.
 #pragma once
+
+#include <dlfcn.h>
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
+
+#include "fanout/ferry.h"
 
 enum FerryDoubleMode {
     kFerryComplete = 0,  // copy on the worker, then callback(handle, 0)
@@ -20,24 +24,38 @@ enum FerryDoubleMode {
     kFerryBadStatus,     // no copy; callback(handle, 3) on the worker
     kFerrySilent,        // 0 and a handle, and never a callback
     kFerrySlow,          // the worker waits for ferry_double_release, then completes
-    kFerryEarly,         // "DownloadFile" returns once the worker is calling back and
-                         // either is done or has been kept waiting for 100 ms
+    kFerryEarly,         // "DownloadFile" returns once its callback has ended, or
+                         // after 100 ms of the callback being kept waiting
     kFerryReleaseFails,  // completes; "ReleaseFile" of its handle gives 9
-    kFerryMisplaced,     // copies to D/cache/files/1/P-1, reports D/gone/P; 16
 };
 
 extern "C" {
-// Sets the behaviour of `package`.
 void ferry_double_mode(const char* package, int mode);
 // Makes "GetDownloadDirectory" report `path` for `handle`.
 void ferry_double_path(uint32_t handle, const char* path);
-// Lets every slow download that waits go on.
+// Lets every slow download go on.
 void ferry_double_release(void);
-// Releases and joins every worker, then forgets modes, paths and the
-// journal; handles start at 1 again.
+// Joins every worker and forgets modes, paths and the journal; handles
+// start at 1 again.
 void ferry_double_reset(void);
 // Copies the journal of calls ("DownloadFile(P,user,password)=rc#handle;",
 // "ReleaseFile(h)=rc;", "GetSingleFileSize(P)=rc;") into out (cap bytes,
 // terminated); returns its full length.
 size_t ferry_double_journal(char* out, size_t cap);
+}
+
+// The names of the functions that ferry_funcs holds, in its order ("-" for
+// an empty slot), as the dynamic loader knows them.
+inline std::string ferry_double_table() {
+    std::string names;
+    for (void* slot : {reinterpret_cast<void*>(ferry_funcs.DownloadFile),
+                       reinterpret_cast<void*>(ferry_funcs.GetDownloadDirectory),
+                       reinterpret_cast<void*>(ferry_funcs.GetSingleFileSize),
+                       reinterpret_cast<void*>(ferry_funcs.PublishFile),
+                       reinterpret_cast<void*>(ferry_funcs.ReleaseFile)}) {
+        Dl_info info{};
+        const bool named = slot != nullptr && dladdr(slot, &info) != 0 && info.dli_sname;
+        names += std::string(names.empty() ? "" : ",") + (named ? info.dli_sname : "-");
+    }
+    return names;
 }
