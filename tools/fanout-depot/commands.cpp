@@ -131,7 +131,7 @@ int32_t ParseDeadline(const std::string& text) {
         tm.tm_isdst = -1;
         const char* rest = strptime(text.c_str(), format, &tm);
         if (rest != nullptr && *rest == '\0') {
-            const time_t t = mktime(&tm);
+            const long long t = mktime(&tm);  // time_t is 32 bits wide on i386
             if (t >= 0 && t <= 0xFFFFFFFFll) return static_cast<int32_t>(static_cast<uint32_t>(t));
         }
     }

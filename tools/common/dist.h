@@ -1,0 +1,195 @@
+// dist.h - what the distribution programs share: the wire they add on top of
+// the transport (authentication, the distribution message, the table of
+// contents exchange), the sending side, the receiving side and the small
+// helpers of a command-line program. docs/distribution.md describes the
+// wire; each program's man page its options.
+#ifndef FANOUT_TOOLS_COMMON_DIST_H
+#define FANOUT_TOOLS_COMMON_DIST_H
+
+#include <csignal>
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "fanout/transport.h"
+#include "fanout/types.h"
+
+namespace fanout::dist {
+
+// Exit statuses of every program.
+constexpr int kDone = 0;
+constexpr int kFailed = 1;
+constexpr int kUsage = 2;
+constexpr int kPaused = 3;
+constexpr int kCancelled = 4;
+
+// A failure that ends one distribution: the text says what and why.
+struct Failure : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+// A command line that cannot be used: the usage text follows.
+struct UsageError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// ---------------------------------------------------------------- support
+
+// Process set-up shared by the programs: strict depot locks unless the
+// environment says otherwise, no SIGPIPE, stdout line-buffered.
+void SetUpProcess();
+
+// SIGINT (cancel) and SIGUSR1 (pause) recorded for the sending side; SIGTERM
+// too (cancel) for a serving receiver. 0 until one arrives, then
+// kCancelled or kPaused.
+void InstallStopSignals();
+int StopRequested();
+
+// The absolute form of a path (relative to the current directory).
+std::string Absolute(const std::string& path);
+// Creates the directory (and its parents) when missing; raises Failure.
+void MakeDirs(const std::string& dir);
+// The whole content of a small file; raises Failure.
+std::string ReadSmallFile(const std::string& path, size_t limit);
+
+// The catalogue text of a raised record, without its trailing newline.
+std::string Trimmed(const std::string& text);
+
+// A progress bar on standard error, drawn only when it is a terminal.
+class ProgressBar {
+  public:
+    ProgressBar(const std::string& label, uint64_t total);
+    ~ProgressBar();
+    void Advance(uint64_t bytes);  // bytes moved since the last call
+    void Finish();
+
+  private:
+    void Draw(bool last);
+    std::string label_;
+    uint64_t total_, done_ = 0;
+    bool enabled_;
+    double start_, last_draw_ = 0;
+};
+
+// ---------------------------------------------------------------- the wire
+
+// One segment of a distribution as the programs see it.
+struct SegmentInfo {
+    std::string id;
+    std::string version;
+    int64_t size = 0;    // 0 .. INT32_MAX
+    int64_t offset = 0;  // what the receiver already has
+    std::string path;    // the sender's file (sending side only)
+};
+
+// The distribution: its id and its segments in table-of-contents order.
+struct Distribution {
+    std::string id;
+    std::vector<SegmentInfo> segments;
+};
+
+// Limits a receiver applies to what a sender announces.
+constexpr size_t kMaxSegments = 100000;
+constexpr size_t kMaxNameLength = 255;
+
+// An id or version that may name files: not empty, at most kMaxNameLength
+// octets, no "/", "\", "..", "<", ">", "&", ",", no control characters, not
+// "." alone. `what` names it in the message of the Failure raised.
+void CheckName(const std::string& name, const char* what);
+
+// True when the address ("unix:PATH" or "tcp:HOST:PORT") stays on this
+// machine: a Unix socket, or a TCP host that is empty, "*", "localhost",
+// 127.x.y.z or ::1.
+bool IsLoopback(const std::string& address);
+
+// The shared secret of --token-file (trailing line ends dropped); raises
+// Failure for an empty or unreadable file.
+std::string ReadToken(const std::string& path);
+
+// Authentication, the first exchange on a connection. The receiving side
+// sends a DATA frame: status octet 1 and, when it holds a token, a 32-octet
+// challenge. With a challenge the sending side answers with a DATA frame of
+// HMAC-SHA256(token, challenge). Both raise Failure when it does not work
+// out; the receiver compares in constant time.
+void ReceiverAuthenticate(FanoutChannel* ch, const std::string& token);
+void SenderAuthenticate(FanoutChannel* ch, const std::string& token);
+
+// The distribution message: a property list with "type", "recv_meth", "id",
+// "size" and the table of contents under "j_toc", sent as a DATA frame
+// (status octet 1, then the encoded list).
+void SendDistribution(FanoutChannel* ch, const Distribution& d);
+// Receives and validates it (names, sizes, duplicates, counts); raises
+// Failure with the reason.
+Distribution ReceiveDistribution(FanoutChannel* ch);
+
+// The table of contents as a PropertiesList with each segment's "offset";
+// encoded with properties_encode into a std::string of octets.
+PropertiesList* MakeToc(const Distribution& d, bool with_offsets);
+std::string EncodeToc(const Distribution& d);
+
+// A receiver's refusal: a DATA frame with status octet 2 and the reason.
+void SendRefusal(FanoutChannel* ch, const std::string& reason);
+
+// ---------------------------------------------------------------- sending
+
+struct SendOptions {
+    std::string target;  // unix:PATH or tcp:HOST:PORT
+    std::string token;   // empty: no token
+    int32_t block_size = 256 * 1024;
+    bool quiet = false;  // no summary line on standard output
+};
+
+struct SendResult {
+    int status = kDone;     // kDone, kPaused, kCancelled, kFailed
+    uint64_t bytes = 0;     // data bytes sent
+    uint32_t segments = 0;  // segments the receiver still needed
+    std::string message;    // failure text
+};
+
+// Sends `d` (segments with size and path) to opts.target: connects,
+// authenticates, sends the message, learns the receiver's offsets and sends
+// what is missing. SIGINT and SIGUSR1 (InstallStopSignals) cancel and pause.
+// Never raises.
+SendResult SendTo(const SendOptions& opts, const Distribution& d);
+
+// ---------------------------------------------------------------- receiving
+
+struct ReceiveOptions {
+    std::string depot;      // absolute depot directory (the current directory)
+    uint32_t size_kib = 0;  // the depot's storage limit; 0: no accounting
+    bool mobile = false;    // keep the progress file
+    std::string out;        // copy finished segments here when not empty
+    std::string token;      // empty: no authentication
+    int32_t deadline_days = 30;
+    uint64_t kill_after = 0;  // test knob: SIGKILL itself after this many bytes
+};
+
+struct ReceiveResult {
+    int status = kDone;
+    Distribution dist;    // what was received (segments with the depot's files)
+    uint64_t bytes = 0;   // bytes read from the network
+    bool local = false;   // everything was already in the depot
+    std::string message;  // failure text
+};
+
+// Receives one distribution from the connection `ch` (adopted: closed when
+// the call ends) into the depot. Never raises.
+ReceiveResult ReceiveFrom(FanoutChannel* ch, const ReceiveOptions& opts);
+
+// The segments of the distribution as files of the depot (for forwarding
+// and --out): fills each segment's `path` from its complete entry. Raises
+// Failure when one is not complete or, unless take_sizes, has another size
+// than the segment's; with take_sizes the sizes are read from the depot.
+void LocateInDepot(const std::string& depot, Distribution* d, bool take_sizes = false);
+
+// The whole of fanout-receive (relay false) and fanout-relay (true): the
+// command line, start-up checks and the serving loop. Returns the exit
+// status.
+int Serve(const char* program, int argc, char** argv, bool relay);
+
+// One line on standard output about a finished distribution.
+void Report(const char* program, const std::string& distid, int status, const std::string& text);
+
+}  // namespace fanout::dist
+
+#endif  // FANOUT_TOOLS_COMMON_DIST_H
