@@ -10,6 +10,9 @@
  * the first being the encoded one), and one to three left-over characters
  * add their own count. Callers that need the exact byte count carry it
  * separately.
+ *
+ * Thread safety: neither function keeps state; any thread may call them at
+ * any time on its own buffers.
  */
 #ifndef FANOUT_BASE64_H
 #define FANOUT_BASE64_H

@@ -6,6 +6,8 @@
  * the entry's text:
  *
  *     vaThrow(Fanout2Catalog[0], 11, Fanout2Catalog[11], path);
+ *
+ * Thread safety: the table is constant; any thread may read it at any time.
  */
 #ifndef FANOUT_CATALOG_H
 #define FANOUT_CATALOG_H

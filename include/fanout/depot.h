@@ -6,15 +6,34 @@
  * buckets so that a lookup reads only the entry files of one bucket; records
  * a process holds open are cached in the handle's `entries` list.
  *
+ * Where the locks live. Processes exclude each other through two System V
+ * semaphores keyed on the lock files "depot.lk" and "entry.lk" (and
+ * "enum.lk" per enumerator), which DepotNew creates in the process's
+ * current working directory, not in the depot directory. So:
+ * - Two programs share the locks only when they open the depot from the
+ *   same working directory. Two programs started in different directories
+ *   use different lock files and different semaphores: on one depot they do
+ *   not exclude each other at all. Programs of the service, and every user
+ *   of one depot, change into one agreed directory (fanout-depot changes
+ *   into the depot directory itself) before DepotNew.
+ * - The lock files are created with mode 0600 and the semaphores with
+ *   permissions 0600, owned by the first user who opened the depot from that
+ *   directory. Another user's DepotNew there fails, (-4, EACCES, n), naming
+ *   the lock file it could not open (DepotGetLastError). A depot is used by
+ *   one user; several users mean one service account.
+ * - The lock files and semaphores stay after every program has ended; the
+ *   working directory needs to be writable the first time.
+ *
  * Conventions of this interface:
  * - Nothing here raises. Operations that can fail return a PalError by value
- *   (palError 0 on success); lookups and constructors return a pointer, null
- *   on failure. Every operation writes entry/exit trace lines through Logger.
- * - Cross-process locking uses two named semaphores keyed on the files
- *   "depot.lk" and "entry.lk" in the process's current working directory
- *   (and "enum.lk" per enumerator). The depot lock is always taken before the
- *   entry lock. Functions ending in _internal take no depot lock: their
- *   callers hold it ("REQUIRES: depot lock held").
+ *   (palError 0 on success); PalErrorText (palerror.h) says what a record
+ *   means. Lookups and constructors return a pointer, null on failure; the
+ *   calling thread then learns why from DepotGetLastError, whose record and
+ *   steps each such function lists. Every operation writes entry/exit trace
+ *   lines through Logger.
+ * - The depot lock is always taken before the entry lock. Functions ending
+ *   in _internal take no depot lock: their callers hold it ("REQUIRES: depot
+ *   lock held").
  * - A DepotEntry returned by a lookup or an addition belongs to the handle's
  *   `entries` list; the caller gives it back with DepotFreeEntry (or hands it
  *   to an operation documented as releasing it) and never frees it directly.
@@ -38,6 +57,13 @@
  *   file until the entry is complete or its record is released. An entry in
  *   progress whose writer died (no lock held) is stale: an addition of its key
  *   replaces it and purges remove it; a live writer's entry is left alone.
+ * - Threads. A handle, its records and its enumerators are used by one
+ *   thread at a time: threads that share a handle serialise their calls
+ *   themselves. Separate handles may be used by separate threads at once;
+ *   they meet through the semaphores as separate processes do, so in strict
+ *   mode they exclude each other and in the default mode they do not. Set
+ *   TableSize, and change the working directory, before other threads open
+ *   handles. DepotGetLastError's record is kept per thread.
  */
 #ifndef FANOUT_DEPOT_H
 #define FANOUT_DEPOT_H
@@ -107,14 +133,18 @@ FANOUT_EXPORT void DepotSetStrictLocksDefault(PalBool strict) FANOUT_NOEXCEPT;
 /* Opens a depot over `directory` (null: "depot" relative to the current
  * directory), creating the directory when missing (failure to create it does
  * not fail the call), with a storage limit in KiB (0: no accounting). Creates
- * the lock files "depot.lk" and "entry.lk" in the current directory. The
- * handle's lock mode (strictLocks) is decided here: see the top of this
- * file.
+ * the lock files "depot.lk" and "entry.lk" in the current directory (see
+ * "Where the locks live" above). The handle's lock mode (strictLocks) is
+ * decided here: see the top of this file.
  * On success *handle receives a new handle the caller owns (DepotFree) and the
  * result is PAL_OK, or PAL_WAIT_TIMEOUT when the entry semaphore could not be
  * created and the failure was tolerated: treat a non-null *handle as success.
- * On failure *handle is null: PAL_ERR_NO_MEMORY, or the lock-file or
- * semaphore error. */
+ * On failure *handle is null and the result says why: (21, 0, 0) a null
+ * `handle`, PAL_ERR_NO_MEMORY, or the error of creating a lock file (as
+ * PalFileOpen reports it: (-4, EACCES, n) for another user's file) or its
+ * semaphore. DepotGetLastError gives the same record and names the lock
+ * file concerned ("depot.lk" or "entry.lk", relative to the working
+ * directory). */
 FANOUT_EXPORT PalError DepotNew(DepotHandle** handle, const PalChar* directory,
                                 PalUint32 storageLimit) FANOUT_NOEXCEPT;
 
@@ -145,8 +175,9 @@ FANOUT_EXPORT void Logger(PalInt32 level, const PalChar* format, ...) FANOUT_NOE
 
 /* ------------------------------------------------------ records and files */
 
-/* A new zero-filled record owned by the caller, or null when out of memory.
- * Release it with DepotEntryFree while it is in no list. */
+/* A new zero-filled record owned by the caller, or null when out of memory
+ * (DepotGetLastError: PAL_ERR_NO_MEMORY). Release it with DepotEntryFree
+ * while it is in no list. */
 FANOUT_EXPORT DepotEntry* DepotEntryNew(void) FANOUT_NOEXCEPT;
 
 /* Builds the entry-file text of `entry`. On success *text receives a new
@@ -161,7 +192,9 @@ FANOUT_EXPORT PalError DepotEntrySetProperties(DepotHandle* handle, DepotEntry* 
 /* Parses a zero-terminated entry-file text into a new record appended to the
  * handle's `entries` (entryFilePath is left null for the caller to set).
  * Null when a field is missing, the properties do not decode, or memory runs
- * out. REQUIRES: depot lock held. */
+ * out; DepotGetLastError then says which: (21, 0, 0) a null argument,
+ * (21, 0, 1) an element missing, (21, 0, 2) properties that do not decode,
+ * PAL_ERR_NO_MEMORY. REQUIRES: depot lock held. */
 FANOUT_EXPORT DepotEntry* DepotEntryNewFromToc(DepotHandle* handle,
                                                const PalChar* text) FANOUT_NOEXCEPT;
 
@@ -179,7 +212,7 @@ FANOUT_EXPORT extern const PalUint32 PowerOf2Primes[16];
 FANOUT_EXPORT PalError DepotHashFunction(const PalChar* text, PalUint32* bucket) FANOUT_NOEXCEPT;
 
 /* The bucket name ("%08u") of the key, a new nine-byte string owned by the
- * caller (PalMemoryFree), or null when out of memory. */
+ * caller (PalMemoryFree), or null, only when out of memory. */
 FANOUT_EXPORT PalChar* DepotFindBucket(const PalChar* id, const PalChar* version) FANOUT_NOEXCEPT;
 
 /* The list descriptor of the newest cached record with this key, or
@@ -190,14 +223,26 @@ FANOUT_EXPORT PalUint32 DepotFindEntryIndex(DepotHandle* handle, const PalChar* 
 /* Looks the key up, first among the cached records (checked against and
  * refreshed from their entry files), then in the key's bucket on disk. The
  * record returned belongs to the handle's list: give it back with
- * DepotFreeEntry. Null when not found or on any failure. */
+ * DepotFreeEntry. Null when not found or on any failure; DepotGetLastError
+ * then tells which, with the file concerned:
+ *   (2, 0, 0)   PAL_ERR_NO_ENTRY: the bucket holds no entry of the key;
+ *   (21, 0, 0)  a null argument;
+ *   the depot lock's error ("depot.lk"), or that of opening the depot
+ *               directory (the directory);
+ *   the error of reading an entry file of the bucket (that file): the scan
+ *               ended there, and the key may be stored after it;
+ *   (21, 0, 1), (21, 0, 2)  the key's entry file does not parse (that file);
+ *   (21, 0, 3)  the key's entry file names a location other than its own
+ *               data file: it is damaged (that file);
+ *   PAL_ERR_NO_MEMORY. */
 FANOUT_EXPORT DepotEntry* DepotGetEntry(DepotHandle* handle, const PalChar* id,
                                         const PalChar* version) FANOUT_NOEXCEPT;
 
-/* DepotGetEntry without the lock. When `sequences` is not null it receives a
- * new list (PalList1Destroy) of the sequence numbers of the bucket's entry
- * files seen by the scan, stored as pointer-sized integers (it stays null
- * when the cache answers). REQUIRES: depot lock held. */
+/* DepotGetEntry without the lock, with the same DepotGetLastError records.
+ * When `sequences` is not null it receives a new list (PalList1Destroy) of
+ * the sequence numbers of the bucket's entry files seen by the scan, stored
+ * as pointer-sized integers (it stays null when the cache answers).
+ * REQUIRES: depot lock held. */
 FANOUT_EXPORT DepotEntry* DepotGetEntry_internal(DepotHandle* handle, const PalChar* id,
                                                  const PalChar* version,
                                                  PalList1** sequences) FANOUT_NOEXCEPT;
@@ -213,7 +258,17 @@ FANOUT_EXPORT DepotEntry* DepotGetEntry_internal(DepotHandle* handle, const PalC
  * an entry in any other state makes the call return null. An id or version
  * holding '<' or '>' (tag text) is refused. `properties` (propertiesLength
  * bytes, may be null when 0) is copied. Null on every failure, leaving no
- * file behind. */
+ * file behind; DepotGetLastError then tells why, with the file concerned:
+ *   (21, 0, 0)  a null handle, id or version;
+ *   (21, 0, 3)  the id or version holds tag text;
+ *   (16, 0, 0)  PAL_ERR_BUSY: the key's entry is in progress by a live
+ *               writer, or in use (its entry file);
+ *   the depot or entry lock's error ("depot.lk", "entry.lk");
+ *   the error of creating, locking or writing the entry file or creating
+ *               the data file (that file): (-4, EACCES, n) for a depot
+ *               directory this user may not write, ENOSPC for a full disk,
+ *               EEXIST when 1,024 free names in a row were all taken;
+ *   PAL_ERR_NO_MEMORY. */
 FANOUT_EXPORT DepotEntry* DepotAddEntry(DepotHandle* handle, const PalChar* id,
                                         const PalChar* version, const PalUint8* properties,
                                         PalUint32 propertiesLength) FANOUT_NOEXCEPT;
@@ -286,6 +341,16 @@ FANOUT_EXPORT PalError DepotFreeEntry_internal(DepotHandle* handle,
  * not its properties. Returns PAL_OK or the entry lock's error. */
 FANOUT_EXPORT PalError DepotEntryFree(DepotHandle* handle, DepotEntry* entry) FANOUT_NOEXCEPT;
 
+/* Why the calling thread's last DepotNew, DepotAddEntry, DepotGetEntry,
+ * DepotGetEntry_internal, DepotEntryNew or DepotEntryNewFromToc failed, as
+ * each of them lists; PAL_OK when that call succeeded. Other Depot
+ * functions call these too, so read it right after the call that failed.
+ * When the failure concerned a file, *file (when `file` is not null)
+ * receives its path as the Depot used it (lock files relative to the
+ * working directory), else "": the thread's own text, good until the
+ * thread's next call of these functions. Never fails. */
+FANOUT_EXPORT PalError DepotGetLastError(const PalChar** file) FANOUT_NOEXCEPT;
+
 /* ---------------------------------------------------------------- space */
 
 /* Bytes to KiB, rounded up, low 32 bits kept. */
@@ -325,7 +390,7 @@ FANOUT_EXPORT PalError DepotGetPermStorage(DepotHandle* handle, PalUint32* total
 
 /* Starts an enumeration of the depot directory (creates "enum.lk" in the
  * current directory). *enumerator receives a new enumerator the caller owns
- * (DepotEntryEnumDelete), or null on failure. */
+ * (DepotEntryEnumDelete), or null on failure, which the result describes. */
 FANOUT_EXPORT PalError DepotEnumNew(DepotHandle* handle, DepotEnum** enumerator) FANOUT_NOEXCEPT;
 
 /* The next entry's record (appended to the handle's list), or null at the end

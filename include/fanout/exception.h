@@ -7,9 +7,18 @@
  *
  * Raising throws a C++ exception of class fanout::Exception that owns the
  * record. C++ callers catch fanout::Exception; C callers run the call through
- * fanout_call(), which hands back the raised record instead of unwinding.
+ * fanout_try(), which returns the function's result or FANOUT_RAISED and the
+ * rendered message, or fanout_call(), which hands back the raised record
+ * instead of unwinding. A raise unwinds through C frames without running any
+ * of their clean-up: docs/conventions.md says what such a frame must not
+ * hold.
  * An exception that nobody catches prints its rendered message and type id to
  * standard error and aborts the process.
+ *
+ * Thread safety: any thread may raise, catch, render and free records at
+ * any time, and each thread's uncaught exception is reported alike. A record,
+ * and a fanout::Exception object with its copies, belongs to one thread at a
+ * time; hand it to another thread only as a whole (with release()).
  */
 #ifndef FANOUT_EXCEPTION_H
 #define FANOUT_EXCEPTION_H
@@ -155,6 +164,20 @@ FANOUT_EXPORT int32_t ex_is_a(const void* record, const char* type_id);
  * an exception escape. */
 typedef void (*FanoutCallFn)(void* arg);
 FANOUT_EXPORT int32_t fanout_call(FanoutCallFn fn, void* arg, void** raised);
+
+/* The common case from C, in one call: runs fn(context) and returns what it
+ * returned. When fn raised instead, returns FANOUT_RAISED (-1) and, when
+ * `message` is not null, *message receives the raised record's rendered
+ * message, as ex_render gives it (a new string: mg_free); exceptions that are
+ * not the service's are turned into records as fanout_call does. *message is
+ * set to null when fn returned, so a function that may itself return -1 is
+ * told apart by it. The record itself is freed: use fanout_call to inspect
+ * it. Should even the message not fit in memory, *message stays null and the
+ * result is FANOUT_RAISED. A null fn returns 0 at once. Never lets an
+ * exception escape. docs/conventions.md has a complete example. */
+#define FANOUT_RAISED (-1)
+typedef int (*FanoutTryFn)(void* context);
+FANOUT_EXPORT int fanout_try(FanoutTryFn fn, void* context, char** message);
 
 FANOUT_END_DECLS
 

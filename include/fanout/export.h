@@ -3,6 +3,8 @@
  * Everything in the library is hidden by default; each public declaration is
  * marked with FANOUT_EXPORT. Declarations are wrapped in FANOUT_BEGIN_DECLS /
  * FANOUT_END_DECLS so that the headers read the same from C11 and C++20.
+ *
+ * Thread safety: macros only; nothing here has state.
  */
 #ifndef FANOUT_EXPORT_H
 #define FANOUT_EXPORT_H

@@ -1,4 +1,11 @@
-/* fanout.h - everything libfanout exports, in one include. */
+/* fanout.h - everything libfanout exports, in one include.
+ *
+ * Thread safety is stated at the top of each header, family by family: constant
+ * tables and stateless codecs may be used from any thread; logging, the type
+ * registry, the allocator, the delivery client and the process's channel
+ * lookup are safe to call from any thread; records, lists, files, streams,
+ * channels and Depot handles are used by one thread at a time.
+ */
 #ifndef FANOUT_FANOUT_H
 #define FANOUT_FANOUT_H
 

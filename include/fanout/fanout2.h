@@ -25,6 +25,10 @@
  *     t.retry_seconds = 300;
  *     vaMThrowChild(FANOUT2_EX_ID(ExDistributionDeferred), &t, sizeof t,
  *                   Fanout2Catalog[0], 206, Fanout2Catalog[206], package, 300);
+ *
+ * Thread safety: the type codes are constant and the constructors keep no
+ * state; any thread may build and raise records. A record belongs to one
+ * thread at a time.
  */
 #ifndef FANOUT_FANOUT2_H
 #define FANOUT_FANOUT2_H

@@ -27,6 +27,11 @@
  *   is waited for at a time in a process.
  * - Diagnostics go to standard error through ferry_log. The password of a
  *   segment is never written anywhere: a present one shows as "<????>".
+ *
+ * Thread safety: any thread may call the client. Loading happens once, under
+ * a once-only guard; downloads of several threads are serialised by the
+ * process-wide mutex below, so a second thread waits while the first
+ * downloads.
  */
 #ifndef FANOUT_FERRY_H
 #define FANOUT_FERRY_H

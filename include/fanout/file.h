@@ -8,6 +8,9 @@
  * Beside it: the zeroing, freeing and element replacement of the generated
  * sequence records, a length counter kept as thousands and units, and a
  * time-stamp formatter.
+ *
+ * Thread safety: a File is used by one thread at a time; different Files,
+ * and the value helpers, may be used from any thread at once.
  */
 #ifndef FANOUT_FILE_H
 #define FANOUT_FILE_H

@@ -3,6 +3,8 @@
  * Two constant texts that say which build of the library a process loaded,
  * each framed as a source-control keyword string so that tools which scan
  * binaries for "$Keyword: ... $" find them.
+ *
+ * Thread safety: constant texts; any thread may read them at any time.
  */
 #ifndef FANOUT_KELVER_H
 #define FANOUT_KELVER_H

@@ -6,6 +6,8 @@
  * read-only pointer to a static NUL-terminated string that lives as long as
  * the library. MESSAGE_INVALID_DIST_ID is a value rather than a key: the text
  * used for a distribution id that cannot be read.
+ *
+ * Thread safety: constant texts; any thread may read them at any time.
  */
 #ifndef FANOUT_KEYS_H
 #define FANOUT_KEYS_H

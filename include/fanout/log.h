@@ -7,6 +7,13 @@
  * level filter instead. A suppressed level costs one comparison: nothing is
  * formatted. The default destination adds a newline to a line that lacks
  * one. FANOUT_LOG_LEVEL and FANOUT_LOG_FILE are read once, at the first line.
+ *
+ * Thread safety: every function here may be called from any thread at any
+ * time. Each line is written whole, one at a time; a handler, though, is
+ * called without a lock and may run on several threads at once, so it must
+ * be thread-safe itself. The configuration calls read the environment and the
+ * configuration file on every call: nothing is cached, and nothing may change
+ * the environment (setenv, putenv) while another thread calls them.
  */
 #ifndef FANOUT_LOG_H
 #define FANOUT_LOG_H

@@ -10,6 +10,9 @@
  * and 37 when a key holds another type than expected (the key is the
  * argument). The keys are read in a fixed order, which decides the failure
  * reported first; on a raise the partly filled record is lost.
+ *
+ * Thread safety: a record is a view of its list and is used, like the list,
+ * by one thread at a time; the command names are constant.
  */
 #ifndef FANOUT_MESSAGE_H
 #define FANOUT_MESSAGE_H

@@ -15,6 +15,12 @@
  * layer's own encodings, given below, and are mapped to the host's.
  * Handles are small records passed by value; the opening calls fill them
  * through a pointer and the closing calls release what they point to.
+ *
+ * Thread safety: a file or directory handle is used by one thread at a
+ * time; different handles, and the path operations, may be used from any
+ * thread at once (temporary names are unique across threads). Paths are taken
+ * relative to the process's working directory, which is shared by all its
+ * threads.
  */
 #ifndef FANOUT_PALFILE_H
 #define FANOUT_PALFILE_H

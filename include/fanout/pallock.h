@@ -10,6 +10,12 @@
  *
  * None of these functions checks its handle argument: passing a null or
  * uninitialised handle is a caller error.
+ *
+ * Thread safety: any thread may take or release an initialised handle. The
+ * semaphore counts units, not owners: threads of one process exclude each
+ * other exactly as processes do, and a unit taken by one thread may be
+ * released by another. Initialise, close and destroy a handle while no other
+ * thread uses it.
  */
 #ifndef FANOUT_PALLOCK_H
 #define FANOUT_PALLOCK_H

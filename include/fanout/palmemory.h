@@ -10,6 +10,10 @@
  * Note the deliberate asymmetry: PalMemoryCmp orders a null first operand
  * before a non-null one (-1), the string comparisons order a null first
  * string after a non-null one (1).
+ *
+ * Thread safety: every wrapper may be called from any thread at any time (the
+ * C heap is thread-safe); a block or string is read or written by one thread
+ * at a time.
  */
 #ifndef FANOUT_PALMEMORY_H
 #define FANOUT_PALMEMORY_H

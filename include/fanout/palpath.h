@@ -14,6 +14,9 @@
  * Everything works on caller-supplied buffers; nothing is allocated and
  * nothing reports an error record: refusal is a null result (or, for
  * PalPathGetName, the text "Failure").
+ *
+ * Thread safety: nothing here keeps state; any thread may call these on its
+ * own buffers.
  */
 #ifndef FANOUT_PALPATH_H
 #define FANOUT_PALPATH_H

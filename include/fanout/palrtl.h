@@ -5,6 +5,9 @@
  * such as "z" is turned into the file name "libz.so"; a name that contains a
  * '.' or a '/' is a file name or path and is passed to the loader as given.
  * The handles are the loader's own, with nothing added.
+ *
+ * Thread safety: any thread may load, resolve and unload at any time (the
+ * loader serialises them); PalRtlError's text is the calling thread's own.
  */
 #ifndef FANOUT_PALRTL_H
 #define FANOUT_PALRTL_H

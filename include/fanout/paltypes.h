@@ -2,6 +2,8 @@
  *
  * They are plain aliases of the host's integer and character types, so a
  * PalInt32 is an int32_t wherever it appears and callers need no casts.
+ *
+ * Thread safety: types only; nothing here has state.
  */
 #ifndef FANOUT_PALTYPES_H
 #define FANOUT_PALTYPES_H

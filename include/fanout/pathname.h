@@ -8,6 +8,10 @@
  * zero-filled when made, separator '/'. Release it with pathname_delete (or
  * mg_free). Nothing here checks the 1024-byte bound when it copies or
  * appends: callers keep their names within it.
+ *
+ * Thread safety: nothing here keeps shared state; a path name, a directory
+ * or an enumeration is used by one thread at a time, and any thread may match
+ * wildcards at any time.
  */
 #ifndef FANOUT_PATHNAME_H
 #define FANOUT_PATHNAME_H

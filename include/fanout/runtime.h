@@ -16,6 +16,11 @@
  * "newly allocated" result below, hands the caller a block from the runtime
  * allocator; release it with mg_free (contents first with kel_free_generic
  * where the value owns further blocks).
+ *
+ * Thread safety: the allocator, the type-code registry and the reference
+ * counts of shared type codes may be used from any thread at any time. The
+ * values they describe (sequences, anys, records, encoders' buffers) belong
+ * to one thread at a time.
  */
 #ifndef FANOUT_RUNTIME_H
 #define FANOUT_RUNTIME_H

@@ -12,6 +12,9 @@
  * is missing and 37 when any key holds another type than expected (the key
  * is the argument). A raise while a Toc is being built leaves the Toc and the
  * segments built so far to the caller's clean-up; they are not released.
+ *
+ * Thread safety: a Segment or Toc is a view of its lists and is used, like
+ * them, by one thread at a time.
  */
 #ifndef FANOUT_SEGMENT_H
 #define FANOUT_SEGMENT_H

@@ -27,7 +27,11 @@
  * - The record side: failures raise catalogue exceptions (exception.h); the
  *   transport's own failures pass through (transport.h). Allocation failures
  *   raise the runtime's NO_MEMORY.
- * - Records are single-threaded objects: one thread uses a stream at a time.
+ * - Threads. Records are single-threaded objects: one thread uses a stream
+ *   at a time. Different streams may run on different threads at once, except
+ *   that the network streams (types 2 and 3) share the process's channel,
+ *   which one thread uses at a time (transport.h); downloads of the delivery
+ *   client are serialised by the client itself (ferry.h).
  * - A mobile stream (key octet 2 equal to 1, types 2 and 4 to 11) keeps a
  *   progress status file named after the distribution under the work
  *   directory's "mstat" directory (MStat below). A progress file that cannot

@@ -11,6 +11,9 @@
  * the last character before the terminating NUL or, when a non-null limit
  * lies before that, the limit. Every range is inclusive: {first, last} point
  * at the first and the last character; {null, null} means absent.
+ *
+ * Thread safety: nothing here keeps state; any thread may call these on its
+ * own documents.
  */
 #ifndef FANOUT_TAGDOC_H
 #define FANOUT_TAGDOC_H

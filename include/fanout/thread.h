@@ -5,6 +5,11 @@
  * PAL_ERR_NO_MEMORY, or PAL_ERR_SYSTEM with the pthread error in
  * nativeError. A timed wait that times out returns PAL_WAIT_TIMEOUT with
  * nativeError ETIMEDOUT.
+ *
+ * Thread safety: the mutexes, monitors and once records are what threads share:
+ * locking, waiting, signalling and running a once record are safe from any
+ * thread. Creating and destroying a mutex or monitor is not: no other thread
+ * may use it then.
  */
 #ifndef FANOUT_THREAD_H
 #define FANOUT_THREAD_H

@@ -38,7 +38,11 @@
  *   kept, and the next receive completes it.
  * - After a protocol violation has been read (109 or 111) the channel's
  *   read side is unusable: every later receive raises the violation again.
- * - A channel is used by one thread at a time.
+ * - Threads. A channel, the process's channel included, is used by one
+ *   thread at a time; different channels may be used by different threads at
+ *   once. Finding the process's channel (ecp_get_ipc_handle, ep_session_id)
+ *   is safe from any thread; replace it (fanout_ipc_set, fanout_ipc_attach)
+ *   only while no thread uses it.
  */
 #ifndef FANOUT_TRANSPORT_H
 #define FANOUT_TRANSPORT_H

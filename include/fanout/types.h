@@ -4,6 +4,10 @@
  * boundaries; each has a type code through which the runtime marshals,
  * copies, compares and frees it (runtime.h). Call fanout_init() once during
  * start-up, before the first value is marshalled.
+ *
+ * Thread safety: call fanout_init() before the program starts other threads;
+ * after it the type codes are constant and any thread may use them. A
+ * property list or stream key is used by one thread at a time.
  */
 #ifndef FANOUT_TYPES_H
 #define FANOUT_TYPES_H

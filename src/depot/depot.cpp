@@ -171,7 +171,28 @@ void SemClose(PalSemHandle* sem) noexcept {
     sem->handle = nullptr;
 }
 
+// Why the thread's last constructor or lookup failed. Constant-initialised
+// and trivially destroyed, so the record costs no set-up per thread and a
+// store is a plain write.
+struct LastFailure {
+    PalError error;
+    PalChar file[PAL_PATH_MAX + 1];
+};
+thread_local LastFailure lastFailure{};
+
 }  // namespace
+
+void RecordFailure(PalError error, const PalChar* file) noexcept {
+    lastFailure.error = error;
+    std::size_t n = 0;
+    if (file != nullptr) {
+        while (n < PAL_PATH_MAX && file[n] != '\0') {
+            lastFailure.file[n] = file[n];
+            ++n;
+        }
+    }
+    lastFailure.file[n] = '\0';
+}
 
 PalError TouchLockFile(const PalChar* name) noexcept {
     PalFileHandle file{};
@@ -265,19 +286,25 @@ const PalChar* DepotGetDir(DepotHandle* handle) noexcept {
 
 PalError DepotNew(DepotHandle** out, const PalChar* directory, PalUint32 storageLimit) noexcept {
     Logger(3, "DepotNew entry\n");
-    if (out == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
+    // Every way out leaves its result, and the lock file it concerns, as the
+    // thread's last failure too (DepotGetLastError).
+    auto leave = [](PalError result, const PalChar* file) noexcept {
+        RecordFailure(result, result.palError != PAL_OK ? file : nullptr);
+        return result;
+    };
+    if (out == nullptr) return leave(PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0), nullptr);
     *out = nullptr;
     auto* handle = static_cast<DepotHandle*>(PalMemoryCalloc(1, sizeof(DepotHandle)));
     if (handle == nullptr) {
         Logger(0, "DepotNew exit.  Error allocating depot handle\n");
-        return PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 0);
+        return leave(PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 0), nullptr);
     }
 
     PalError err = TouchLockFile("depot.lk");
     if (err.palError != PAL_OK) {
         PalMemoryFree(handle);
         Logger(0, "DepotNew exit.  Error %d creating semaphore path\n", err.palError);
-        return err;
+        return leave(err, "depot.lk");
     }
     err = PalInitSem(&handle->depotLock, "depot.lk");
     if (err.palError != PAL_OK) {
@@ -286,7 +313,7 @@ PalError DepotNew(DepotHandle** out, const PalChar* directory, PalUint32 storage
             PalMemoryFree(handle);
             Logger(0, "DepotNew exit.  Error %d(%d) creating depot synchronization object\n",
                    err.palError, err.nativeError);
-            return err;
+            return leave(err, "depot.lk");
         }
         Logger(1, "DepotNew depot continue. Ignore WAIT_TIMEOUT\n");
     }
@@ -296,7 +323,7 @@ PalError DepotNew(DepotHandle** out, const PalChar* directory, PalUint32 storage
         SemClose(&handle->depotLock);
         PalMemoryFree(handle);
         Logger(0, "DepotNew exit.  Error %d creating semaphore path\n", err.palError);
-        return err;
+        return leave(err, "entry.lk");
     }
     PalError entryStatus = PalInitSem(&handle->entryLock, "entry.lk");
     if (entryStatus.palError != PAL_OK) {
@@ -306,7 +333,7 @@ PalError DepotNew(DepotHandle** out, const PalChar* directory, PalUint32 storage
             PalMemoryFree(handle);
             Logger(0, "DepotNew exit.  Error %d(%d) creating entry synchronization object\n",
                    entryStatus.palError, entryStatus.nativeError);
-            return entryStatus;
+            return leave(entryStatus, "entry.lk");
         }
         Logger(1, "DepotNew entry continue. Ignore WAIT_TIMEOUT\n");
     }
@@ -326,7 +353,7 @@ PalError DepotNew(DepotHandle** out, const PalChar* directory, PalUint32 storage
         SemClose(&handle->depotLock);
         PalMemoryFree(handle);
         Logger(0, "DepotNew exit.  Error creating depot entry list\n");
-        return PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 0);
+        return leave(PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 0), nullptr);
     }
     handle->storageLimit = storageLimit;
     handle->availableSpace = storageLimit;
@@ -340,7 +367,14 @@ PalError DepotNew(DepotHandle** out, const PalChar* directory, PalUint32 storage
 
     *out = handle;
     Logger(3, "DepotNew exit\n");
-    return entryStatus;
+    // A tolerated semaphore failure is the result, and the record, of a
+    // call that still opened the handle.
+    return leave(entryStatus, "entry.lk");
+}
+
+PalError DepotGetLastError(const PalChar** file) noexcept {
+    if (file != nullptr) *file = lastFailure.file;
+    return lastFailure.error;
 }
 
 PalError DepotFree(DepotHandle* handle) noexcept {

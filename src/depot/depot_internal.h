@@ -164,6 +164,12 @@ void CloseQuietly(PalFileHandle* file) noexcept;
 // semaphore key is derived from its path; its content is never used).
 PalError TouchLockFile(const PalChar* name) noexcept;
 
+// Sets the calling thread's record of why its last constructor or lookup
+// failed (DepotGetLastError): `error`, and the path of the file it concerned
+// (null: none), copied and cut to PAL_PATH_MAX characters. Success is
+// recorded as Ok() without a file.
+void RecordFailure(PalError error, const PalChar* file = nullptr) noexcept;
+
 inline PalError Ok() noexcept {
     return PalErrorCreate(PAL_OK, 0, 0);
 }

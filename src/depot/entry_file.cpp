@@ -556,6 +556,7 @@ extern "C" {
 DepotEntry* DepotEntryNew(void) noexcept {
     Logger(3, "DepotEntryNew entry\n");
     auto* entry = static_cast<DepotEntry*>(PalMemoryCalloc(1, sizeof(DepotEntry)));
+    RecordFailure(entry != nullptr ? Ok() : PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 0));
     Logger(3, "DepotEntryNew exit\n");
     return entry;
 }
@@ -616,9 +617,12 @@ namespace fanout {
 
 DepotEntry* ParseEntryText(DepotHandle* handle, const PalChar* text, bool entryLockHeld) noexcept {
     Logger(3, "DepotEntryNewFromToc entry\n");
-    if (handle == nullptr || text == nullptr) return nullptr;
+    if (handle == nullptr || text == nullptr) {
+        RecordFailure(PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0));
+        return nullptr;
+    }
     DepotEntry* entry = DepotEntryNew();
-    if (entry == nullptr) return nullptr;
+    if (entry == nullptr) return nullptr;  // recorded by DepotEntryNew
 
     static constexpr EntryTag kTags[] = {
         EntryTag::kId,    EntryTag::kVersion,  EntryTag::kLocation, EntryTag::kReferenceCount,
@@ -626,8 +630,14 @@ DepotEntry* ParseEntryText(DepotHandle* handle, const PalChar* text, bool entryL
     EntryText elements(text);
     TagContent c[8];
     bool ok = true;
+    // Why a parse fails: an element missing (step 1), properties that do not
+    // decode (step 2), or memory.
+    PalError why = PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 1);
     for (int i = 0; i < 8 && ok; ++i) ok = (c[i] = elements.Get(kTags[i])).present();
-    if (ok) ok = (entry->id = CopyContent(c[0])) != nullptr;
+    if (ok) {
+        why = PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 0);
+        ok = (entry->id = CopyContent(c[0])) != nullptr;
+    }
     if (ok) ok = (entry->version = CopyContent(c[1])) != nullptr;
     if (ok) ok = (entry->location = CopyContent(c[2])) != nullptr;
     if (ok) {
@@ -635,10 +645,16 @@ DepotEntry* ParseEntryText(DepotHandle* handle, const PalChar* text, bool entryL
         entry->state = ParseTagNumber(c[4]);
         entry->checksum = ParseTagNumber(c[5]);
         entry->deadline = ParseTagNumber(c[6]);
-        if (c[7].size != 0)
+        if (c[7].size != 0) {
             ok = DecodeProperties(c[7], &entry->properties, &entry->propertiesLength);
+            if (!ok) why = PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 2);
+        }
     }
-    if (ok) ok = PalList1Add(handle->entries, entry) >= 0;
+    if (ok) {
+        ok = PalList1Add(handle->entries, entry) >= 0;
+        why = PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 0);
+    }
+    RecordFailure(ok ? Ok() : why);
     if (!ok) {
         // Not in any list yet, so nobody else can reach it: when the entry lock
         // cannot be had it is freed without it rather than leaked.

@@ -64,31 +64,40 @@ enum class Created { kDone, kTaken, kFailed };
 // exclusively: the entry file, locked for the writer and filled with the
 // record's text, then an empty data file. kTaken when either name exists
 // already (nothing is left behind then, nor on a failure); on success the
-// record keeps the writer lock. REQUIRES: entry lock held.
+// record keeps the writer lock. Every answer but kDone leaves the failure,
+// and the file it concerns, as the thread's last failure.
+// REQUIRES: entry lock held.
 Created CreateEntryFiles(DepotHandle* handle, DepotEntry* entry) noexcept {
     PalChar* text = nullptr;
     PalUint32 length = 0;
-    if (DepotEntrySetProperties(handle, entry, &text, &length).palError != PAL_OK)
+    PalError err = DepotEntrySetProperties(handle, entry, &text, &length);
+    if (err.palError != PAL_OK) {
+        RecordFailure(err, entry->entryFilePath);
         return Created::kFailed;
+    }
     PalFileHandle file{};
-    PalError err = PalFileOpen(&file, entry->entryFilePath, kCreateEntryFile);
+    err = PalFileOpen(&file, entry->entryFilePath, kCreateEntryFile);
     if (err.palError != PAL_OK) {
         CloseQuietly(&file);
         PalMemoryFree(text);
+        RecordFailure(err, entry->entryFilePath);
         return err.nativeError == EEXIST ? Created::kTaken : Created::kFailed;
     }
     // Waits only for a liveness probe's moment of shared lock.
     err = PalFileLock(file, PAL_TRUE, PAL_TRUE);
     if (err.palError == PAL_OK) err = WriteWhole(file, text, length);
     PalMemoryFree(text);
+    const PalChar* failed = entry->entryFilePath;
     PalFileHandle data{};
     if (err.palError == PAL_OK) {
         err = PalFileOpen(&data, entry->location, kCreateDataFile);
         CloseQuietly(&data);
+        failed = entry->location;
     }
     if (err.palError != PAL_OK) {
         // The entry file is ours (created exclusively): a full disk or a
         // taken data-file name leaves nothing behind.
+        RecordFailure(err, failed);
         CloseQuietly(&file);
         (void)PalFileRemoveRegular(entry->entryFilePath);
         return err.nativeError == EEXIST ? Created::kTaken : Created::kFailed;
@@ -271,9 +280,15 @@ extern "C" {
 DepotEntry* DepotAddEntry(DepotHandle* handle, const PalChar* id, const PalChar* version,
                           const PalUint8* properties, PalUint32 propertiesLength) noexcept {
     Logger(3, "DepotAddEntry entry\n");
-    if (handle == nullptr || id == nullptr || version == nullptr) return nullptr;
+    // Every null answer leaves its reason as the thread's last failure
+    // (DepotGetLastError); the steps are listed in depot.h.
+    if (handle == nullptr || id == nullptr || version == nullptr) {
+        RecordFailure(PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0));
+        return nullptr;
+    }
     if (HoldsTagText(id) || HoldsTagText(version)) {
         Logger(1, "DepotAddEntry refused a key holding tag text\n");
+        RecordFailure(PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 3));
         return nullptr;
     }
     DepotLock depot(&handle->depotLock, "DepotAddEntry error %d releasing lock\n");
@@ -283,6 +298,7 @@ DepotEntry* DepotAddEntry(DepotHandle* handle, const PalChar* id, const PalChar*
     } else if (err.palError != PAL_OK) {
         Logger(0, "DepotAddEntry exit.  Error %d(%d) obtaining lock\n", err.palError,
                err.nativeError);
+        RecordFailure(err, "depot.lk");
         return nullptr;
     }
 
@@ -301,11 +317,13 @@ DepotEntry* DepotAddEntry(DepotHandle* handle, const PalChar* id, const PalChar*
         PalList1Destroy(&used);
         if (existing->state == DEPOT_STATE_COMPLETE) {
             depot.Release();
+            RecordFailure(Ok());
             Logger(3, "DepotAddEntry exit\n");
             return existing;  // a complete segment is reused, not added twice
         }
         // The record stays cached in the handle's list; DepotFree releases it.
         Logger(1, "DepotAddEntry unable to use entry due to in-progress operations\n");
+        RecordFailure(PalErrorCreate(PAL_ERR_BUSY, 0, 0), existing->entryFilePath);
         return nullptr;
     }
 
@@ -320,12 +338,16 @@ DepotEntry* DepotAddEntry(DepotHandle* handle, const PalChar* id, const PalChar*
             Logger(0, "DepotSaveEntry exit.  Error %d(%d) obtaining lock\n", err.palError,
                    err.nativeError);
             PalList1Destroy(&used);
+            RecordFailure(err, "entry.lk");
             return nullptr;
         }
         PalInt32 sequence = ChooseSequence(used, 0);
         for (int attempt = 0; attempt < kCreateAttempts && sequence < INT32_MAX; ++attempt) {
             entry = BuildRecord(handle, id, version, properties, propertiesLength, sequence);
-            if (entry == nullptr) break;
+            if (entry == nullptr) {
+                RecordFailure(PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 0));
+                break;
+            }
             Created created = CreateEntryFiles(handle, entry);
             if (created == Created::kDone) break;
             FreeRecordFields(entry);
@@ -335,14 +357,16 @@ DepotEntry* DepotAddEntry(DepotHandle* handle, const PalChar* id, const PalChar*
         }
     }
     PalList1Destroy(&used);
-    if (entry == nullptr) return nullptr;
+    if (entry == nullptr) return nullptr;  // the failure is recorded
     if (PalList1Add(handle->entries, entry) < 0) {
         (void)PalFileRemoveRegular(entry->location);
         (void)PalFileRemoveRegular(entry->entryFilePath);
         FreeRecordFields(entry);
+        RecordFailure(PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 0));
         return nullptr;
     }
     depot.Release();
+    RecordFailure(Ok());
     Logger(3, "DepotAddEntry exit\n");
     return entry;
 }

@@ -71,12 +71,14 @@ PalInt32 SequenceOf(const PalChar* name) noexcept {
 }
 
 // Reads the bucket's entry files in directory order until one holds the key.
-// An entry file that cannot be read ends the scan with no result.
+// An entry file that cannot be read ends the scan with no result. A null
+// result leaves its reason as the thread's last failure.
 DepotEntry* ScanBucket(DepotHandle* handle, const PalChar* bucket, const PalChar* id,
                        const PalChar* version, PalList1* sequences) noexcept {
     PalDirHandle dir{};
-    if (PalDirOpen(&dir, handle->directory).palError != PAL_OK) {
+    if (const PalError opened = PalDirOpen(&dir, handle->directory); opened.palError != PAL_OK) {
         (void)PalDirClose(dir);
+        RecordFailure(opened, handle->directory);
         return nullptr;
     }
     // The entry files are read under the entry lock, so that none is seen
@@ -90,6 +92,10 @@ DepotEntry* ScanBucket(DepotHandle* handle, const PalChar* bucket, const PalChar
     PalChar* buffer = nullptr;  // reused for every file of the scan
     PalInt32 capacity = 0;
     DepotEntry* found = nullptr;
+    // Reached the end of the bucket without the key, unless a step below
+    // says otherwise.
+    PalError why = PalErrorCreate(PAL_ERR_NO_ENTRY, 0, 0);
+    PalChar* whyFile = nullptr;  // owned
     while (PalDirReadDirectory(name, dir).palError == PAL_OK) {
         name[PAL_PATH_MAX] = '\0';
         if (std::strncmp(name, bucket, 8) != 0 || !HasEntrySuffix(name)) continue;
@@ -98,12 +104,15 @@ DepotEntry* ScanBucket(DepotHandle* handle, const PalChar* bucket, const PalChar
         PalChar* path = BuildDirPath(handle->directory, name);
         if (path == nullptr) {
             Logger(1, "DepotGetEntry_internal error allocating memory buffer for file read\n");
+            why = PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 0);
             break;
         }
         ReadResult r = ReadWholeFile(path, &buffer, &capacity);
         if (r.failure != ReadFailure::kNone) {
             LogScanFailure(r, path);
-            PalMemoryFree(path);
+            why = r.failure == ReadFailure::kAlloc ? PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 0)
+                                                   : r.error;
+            whyFile = path;
             break;
         }
         EntryText elements(buffer);
@@ -112,7 +121,8 @@ DepotEntry* ScanBucket(DepotHandle* handle, const PalChar* bucket, const PalChar
             found = ParseEntryText(handle, buffer, entryLock.held());
             if (found == nullptr) {
                 Logger(1, "DepotGetEntry_internal call to DepotEntryNewFromToc returned null\n");
-                PalMemoryFree(path);
+                why = DepotGetLastError(nullptr);  // the parse's own reason
+                whyFile = path;
             } else {
                 found->entryFilePath = path;
                 if (!LocationIsOwn(handle, found->location, path)) {
@@ -121,6 +131,8 @@ DepotEntry* ScanBucket(DepotHandle* handle, const PalChar* bucket, const PalChar
                            "DepotGetEntry_internal entry file %s names a location outside "
                            "its data file\n",
                            path);
+                    why = PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 3);
+                    whyFile = PalStringDup(path);
                     if (entryLock.held()) {
                         DetachRecord(handle, found);
                         FreeRecordFields(found);
@@ -139,6 +151,8 @@ DepotEntry* ScanBucket(DepotHandle* handle, const PalChar* bucket, const PalChar
     PalError err = PalDirClose(dir);
     if (err.palError != PAL_OK)
         Logger(1, "DepotGetEntry_internal error %d closing directory handle\n", err.palError);
+    RecordFailure(found != nullptr ? Ok() : why, found != nullptr ? nullptr : whyFile);
+    PalMemoryFree(whyFile);
     return found;
 }
 
@@ -220,7 +234,10 @@ DepotEntry* DepotGetEntry_internal(DepotHandle* handle, const PalChar* id, const
                                    PalList1** sequences) noexcept {
     Logger(3, "DepotGetEntry_internal entry\n");
     if (sequences != nullptr) *sequences = nullptr;
-    if (handle == nullptr || id == nullptr || version == nullptr) return nullptr;
+    if (handle == nullptr || id == nullptr || version == nullptr) {
+        RecordFailure(PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0));
+        return nullptr;
+    }
 
     PalUint32 index = DepotFindEntryIndex(handle, id, version);
     if (index != kNotFound) {
@@ -228,6 +245,7 @@ DepotEntry* DepotGetEntry_internal(DepotHandle* handle, const PalChar* id, const
             static_cast<DepotEntry*>(PalList1Access(handle->entries, static_cast<PalInt32>(index)));
         if (cached != nullptr) {
             if (VerifyEntry(cached)) {
+                RecordFailure(Ok());
                 Logger(3, "DepotGetEntry_internal exit\n");
                 return cached;
             }
@@ -237,9 +255,9 @@ DepotEntry* DepotGetEntry_internal(DepotHandle* handle, const PalChar* id, const
     }
 
     PalChar* bucket = DepotFindBucket(id, version);
-    if (bucket == nullptr) return nullptr;
-    if (sequences != nullptr && PalList1Create(sequences, 64, 64) != 0) {
+    if (bucket == nullptr || (sequences != nullptr && PalList1Create(sequences, 64, 64) != 0)) {
         PalMemoryFree(bucket);
+        RecordFailure(PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 0));
         return nullptr;
     }
     DepotEntry* found =
@@ -251,12 +269,16 @@ DepotEntry* DepotGetEntry_internal(DepotHandle* handle, const PalChar* id, const
 
 DepotEntry* DepotGetEntry(DepotHandle* handle, const PalChar* id, const PalChar* version) noexcept {
     Logger(3, "DepotGetEntry entry\n");
-    if (handle == nullptr) return nullptr;
+    if (handle == nullptr) {
+        RecordFailure(PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0));
+        return nullptr;
+    }
     DepotLock lock(&handle->depotLock, "DepotGetEntry error %d releasing lock\n");
     PalError err = lock.Acquire();
     if (err.palError != PAL_OK) {
         Logger(0, "DepotGetEntry exit.  Error %d(%d) obtaining lock\n", err.palError,
                err.nativeError);
+        RecordFailure(err, "depot.lk");
         return nullptr;
     }
     DepotEntry* entry = DepotGetEntry_internal(handle, id, version, nullptr);

@@ -246,6 +246,35 @@ FANOUT_EXPORT int32_t fanout_call(FanoutCallFn fn, void* arg, void** raised) {
     return 1;
 }
 
+FANOUT_EXPORT int fanout_try(FanoutTryFn fn, void* context, char** message) {
+    if (message != nullptr) *message = nullptr;
+    if (fn == nullptr) return 0;
+    // fanout_call's record for the raise, rendered here and freed: the
+    // common case wants the words, not the record.
+    struct Run {
+        FanoutTryFn fn;
+        void* context;
+        int result;
+    } run{fn, context, 0};
+    void* record = nullptr;
+    if (fanout_call([](void* r) {
+                        auto* job = static_cast<Run*>(r);
+                        job->result = job->fn(job->context);
+                    },
+                    &run, message != nullptr ? &record : nullptr) == 0) {
+        return run.result;
+    }
+    if (message != nullptr) {
+        try {
+            *message = ex_render(record);
+        } catch (...) {
+            *message = nullptr;  // no memory even for the message
+        }
+        ex_free(record);
+    }
+    return FANOUT_RAISED;
+}
+
 FANOUT_EXPORT void ev_to_exception(Environment* env) {
     if (env == nullptr || env->_major == FANOUT_NO_EXCEPTION || env->_exception == nullptr) return;
     void* record = env->_exception;

@@ -92,8 +92,7 @@ int Run(int argc, char** argv) {
         o.program = o.program.substr(slash + 1);
     }
     try {
-        std::vector<std::string> args =
-            TakeOptions({argv + (argc > 0 ? 1 : 0), argv + argc}, o);
+        std::vector<std::string> args = TakeOptions({argv + (argc > 0 ? 1 : 0), argv + argc}, o);
         RouteLibraryLog(o.verbose);
         if (args.size() == 1 && (args[0] == "help" || args[0] == "--help" || args[0] == "-h")) {
             std::fputs(Usage(o.program).c_str(), stdout);
