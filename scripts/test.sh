@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Installs what is missing, then builds and runs the whole suite: the dev
 # preset, the same suite under AddressSanitizer and UndefinedBehaviorSanitizer,
-# and every libFuzzer target for a short run. Fails when any step fails or
+# the same suite built for 32-bit x86 (gcc -m32), and every libFuzzer target
+# for a short run. Fails when any step fails or
 # when the suite leaves a System V semaphore set behind.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -12,7 +13,7 @@ sems_before=$(ipcs -s | awk '$1 ~ /^0x/ {print $2}' | sort)
 scratch() { ls -d /tmp/fanout* /tmp/depot_test_* 2>/dev/null | sort || true; }
 scratch_before=$(scratch)
 
-for preset in dev asan; do
+for preset in dev asan i386; do
   echo "=== $preset"
   cmake --preset "$preset" >/dev/null
   cmake --build --preset "$preset"

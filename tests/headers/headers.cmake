@@ -24,7 +24,8 @@ endif()
 find_program(FANOUT_PKG_CONFIG pkg-config)
 if(FANOUT_PKG_CONFIG AND NOT FANOUT_SANITIZE)
   add_test(NAME install.relocated_prefix
-           COMMAND ${CMAKE_COMMAND} -E env CC=${CMAKE_C_COMPILER}
+           COMMAND ${CMAKE_COMMAND} -E env CC=${CMAKE_C_COMPILER} "FANOUT_CC_FLAGS=${CMAKE_C_FLAGS}"
+                   "FANOUT_TOOLCHAIN=${CMAKE_TOOLCHAIN_FILE}"
                    sh ${CMAKE_CURRENT_SOURCE_DIR}/install/install_test.sh
                    ${PROJECT_BINARY_DIR} ${PROJECT_SOURCE_DIR})
   # A bound should a step hang (two CMake configurations and a dozen links take seconds).

@@ -6,11 +6,15 @@
 # the installed examples. Nothing may depend on the directory the tree was
 # installed to. Every step is reported; the status is 1 when any failed.
 #
-#   install_test.sh BUILD_DIR SOURCE_DIR      (CC names the C compiler)
+#   install_test.sh BUILD_DIR SOURCE_DIR
+# CC names the C compiler, FANOUT_CC_FLAGS the build's own C flags (-m32 for
+# the 32-bit build) and FANOUT_TOOLCHAIN its CMake toolchain file, if any.
 set -eu
 build=$1
 src=$2
 cc=${CC:-cc}
+ccflags=${FANOUT_CC_FLAGS:-}
+toolchain=${FANOUT_TOOLCHAIN:+-DCMAKE_TOOLCHAIN_FILE=$FANOUT_TOOLCHAIN}
 tmp=$(mktemp -d /tmp/fanoutXXXXXX)
 trap 'rm -rf "$tmp"' EXIT
 failed=0
@@ -42,7 +46,7 @@ unset PKG_CONFIG_PATH LD_LIBRARY_PATH 2>/dev/null || true
 
 pkg_config_shared() {
     # shellcheck disable=SC2046
-    "$cc" -std=c11 -Wall -Werror -o "$tmp/shared" "$src/tests/install/consumer.c" \
+    "$cc" $ccflags -std=c11 -Wall -Werror -o "$tmp/shared" "$src/tests/install/consumer.c" \
         $(pkg-config --cflags --libs fanout)
     LD_LIBRARY_PATH=$libdir "$tmp/shared"
 }
@@ -60,7 +64,7 @@ static_libs() {
 }
 pkg_config_static() {
     # shellcheck disable=SC2046
-    "$cc" -std=c11 -Wall -Werror -o "$tmp/static" "$src/tests/install/consumer.c" \
+    "$cc" $ccflags -std=c11 -Wall -Werror -o "$tmp/static" "$src/tests/install/consumer.c" \
         $(pkg-config --static --cflags fanout) $(static_libs "" "")
     if ldd "$tmp/static" | grep -F libfanout; then
         echo "the statically linked program needs the shared library"
@@ -72,14 +76,14 @@ pkg_config_static() {
 # what Libs.private names.
 pkg_config_static_whole_archive() {
     # shellcheck disable=SC2046
-    "$cc" -std=c11 -o "$tmp/whole" "$src/tests/install/consumer.c" \
+    "$cc" $ccflags -std=c11 -o "$tmp/whole" "$src/tests/install/consumer.c" \
         $(pkg-config --static --cflags fanout) \
         $(static_libs -Wl,--whole-archive -Wl,--no-whole-archive)
 }
 
 find_package() {
     cmake -S "$src/tests/install/consumer" -B "$tmp/cmake-$1" -G Ninja \
-        -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_COMPILER="$cc" -DFANOUT_TARGET="$2"
+        -DCMAKE_PREFIX_PATH="$prefix" -DCMAKE_C_COMPILER="$cc" -DFANOUT_TARGET="$2" $toolchain
     cmake --build "$tmp/cmake-$1"
     "$tmp/cmake-$1/consumer"
 }
@@ -114,7 +118,7 @@ examples_build_and_run() {
         name=$(basename "$f" .c)
         mkdir "$tmp/run-$name"
         # shellcheck disable=SC2046
-        "$cc" -std=c11 -Wall -Werror -o "$tmp/run-$name/$name" "$f" \
+        "$cc" $ccflags -std=c11 -Wall -Werror -o "$tmp/run-$name/$name" "$f" \
             $(pkg-config --cflags --libs fanout)
         (cd "$tmp/run-$name" && LD_LIBRARY_PATH=$libdir "./$name") >/dev/null
     done
