@@ -184,7 +184,8 @@ TEST_P(PropertiesFile, FilesLongerThan32BitsAreRefused) {
 
 // A sparse file of almost 4 GiB whose length word matches its size loads
 // without committing memory for its body: a child whose data segment may
-// grow by no more than 1 GiB decodes it (an empty list: zeros).
+// grow by no more than 1 GiB decodes it (an empty list: zeros). A 32-bit
+// process has no room to map it and must refuse it by raising instead.
 TEST_P(PropertiesFile, SparseHugeFilesLoadWithoutCommittingTheirSize) {
     const uint32_t n = 0xFFFFFF00u;
     write_file(path, framed(GetParam(), {}, n));
@@ -212,7 +213,8 @@ TEST_P(PropertiesFile, SparseHugeFilesLoadWithoutCommittingTheirSize) {
     }
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    const int expected = sizeof(void*) >= 8 ? 0 : 1;
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == expected) << status;
 }
 
 INSTANTIATE_TEST_SUITE_P(Layouts, PropertiesFile, ::testing::ValuesIn(kLayouts),
