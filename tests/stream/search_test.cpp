@@ -91,7 +91,8 @@ std::string read_segments(NetStream* s, uint32_t segments) {
 }
 
 // Each test runs in its own work directory, also the current directory where
-// the depot's lock files go; their semaphore sets are removed at the end.
+// the depot's lock files go (fanout-depot makes its own in the depot); their
+// semaphore sets are removed at the end.
 class Search : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -100,8 +101,12 @@ class Search : public ::testing::Test {
         ASSERT_EQ(chdir(work_.path().c_str()), 0);
     }
     void TearDown() override {
-        for (const char* lk : {"depot.lk", "entry.lk", "enum.lk"})
-            if (access(lk, F_OK) == 0) semctl(semget(ftok(lk, 1), 0, 0), 0, IPC_RMID);
+        for (const std::string& dir : {std::string("."), depot_})
+            for (const char* name : {"/depot.lk", "/entry.lk", "/enum.lk"}) {
+                const std::string lk = dir + name;
+                if (access(lk.c_str(), F_OK) == 0)
+                    semctl(semget(ftok(lk.c_str(), 1), 0, 0), 0, IPC_RMID);
+            }
         ASSERT_EQ(chdir(cwd_), 0);
     }
     // Stores a complete entry "id^1" holding `data`, with two references.
@@ -244,7 +249,7 @@ TEST_F(Search, DirectorySources) {
 }
 
 #ifdef FANOUT_DEPOT_TOOL
-// The depot tool writes a segment's image; a key-directory stream learns its
+// The depot tool stores a segment and writes its image; a key-directory stream learns its
 // size, reads it from an offset, and records the totals of a table of contents
 // already complete in its progress file at once. A data file gone between the
 // search and the read fails the read, no more.
@@ -253,6 +258,7 @@ TEST_F(Search, DepotToolImageReadThroughKeyDirectory) {
     const std::string data = pattern(70000, 9), progress = work_ / "mstat/D9.mds";
     write_file(source, data);
     const std::string tool = std::string(FANOUT_DEPOT_TOOL) + " " + depot_;
+    ASSERT_EQ(std::system((tool + " add 'pay^7' " + source).c_str()), 0);
     ASSERT_EQ(std::system((tool + " image 'pay^7' " + source + " " + image).c_str()), 0);
     StreamPtr s = open_stream(9, "D9," + image);
     TocPtr sized = toc_of({{"pay^7", source}});

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <pty.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
@@ -10,10 +11,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -61,14 +64,12 @@ protected:
         fanout_init();
     }
     void TearDown() override {
-        // The depot's locks are semaphore sets keyed on its lock files.
-        for (const char* lk : {"depot.lk", "entry.lk", "enum.lk"}) {
-            for (const std::string& dir : {depot_, root_}) {
-                const std::string path = dir + "/" + lk;
-                if (access(path.c_str(), F_OK) != 0) continue;
-                const int id = semget(ftok(path.c_str(), 1), 0, 0);
-                if (id >= 0) semctl(id, 0, IPC_RMID);
-            }
+        // The depot's locks are semaphore sets keyed on its lock files, which
+        // each test's depots keep inside the scratch directory.
+        for (const auto& e : fs::recursive_directory_iterator(root_)) {
+            if (!e.is_regular_file() || e.path().extension() != ".lk") continue;
+            const int id = semget(ftok(e.path().c_str(), 1), 0, 0);
+            if (id >= 0) semctl(id, 0, IPC_RMID);
         }
         ASSERT_EQ(chdir(cwd_), 0);
         fs::remove_all(root_);
@@ -100,6 +101,38 @@ protected:
         return r;
     }
 
+    // Runs the tool with standard error on a terminal (a pseudo-terminal
+    // whose output is read until the tool has closed it) and standard output
+    // to a file.
+    Result RunOnTerminal(const std::vector<std::string>& args) {
+        const std::string out = root_ + "/stdout";
+        int terminal = -1;
+        pid_t pid = forkpty(&terminal, nullptr, nullptr, nullptr);
+        if (pid == 0) {
+            int o = open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            dup2(o, 1);
+            std::vector<char*> argv{const_cast<char*>("fanout-depot")};
+            for (auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+            argv.push_back(nullptr);
+            execv(FANOUT_DEPOT_TOOL, argv.data());
+            _exit(127);
+        }
+        Result r;
+        if (pid < 0) return r;
+        char buffer[4096];
+        for (;;) {  // ends with EIO once the last holder of the terminal is gone
+            const ssize_t n = read(terminal, buffer, sizeof buffer);
+            if (n > 0) r.err.append(buffer, static_cast<size_t>(n));
+            if (n == 0 || (n < 0 && errno != EINTR)) break;
+        }
+        close(terminal);
+        int status = 0;
+        waitpid(pid, &status, 0);
+        r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+        r.out = Slurp(out);
+        return r;
+    }
+
     std::string Sample(const std::string& name, size_t bytes) {
         const std::string path = root_ + "/" + name;
         std::ofstream(path, std::ios::binary) << std::string(bytes, 'x');
@@ -122,36 +155,100 @@ protected:
     char cwd_[4096] = {};
 };
 
+// The name a key's first entry gets: "<bucket>.0".
+std::string FirstName(const std::string& id, const std::string& version) {
+    PalChar* bucket = DepotFindBucket(id.c_str(), version.c_str());
+    std::string name = std::string(bucket) + ".0";
+    PalMemoryFree(bucket);
+    return name;
+}
+
+// The options an option list names: the first word of each line of --help's
+// list that starts with " -", or of each item of the man page's OPTIONS.
+std::set<std::string> HelpOptions(const std::string& help) {
+    std::set<std::string> names;
+    std::istringstream lines(help.substr(help.find("Options:\n")));
+    for (std::string line; std::getline(lines, line);) {
+        if (line.rfind(" -", 0) == 0) names.insert(line.substr(1, line.find(' ', 1) - 1));
+    }
+    return names;
+}
+std::set<std::string> ManOptions(std::string man) {
+    for (size_t at; (at = man.find("\\-")) != std::string::npos;) man.replace(at, 2, "-");
+    std::set<std::string> names;
+    std::istringstream lines(man.substr(man.find(".SH OPTIONS")));
+    std::string line;
+    std::getline(lines, line);
+    for (std::string previous; std::getline(lines, line) && line.rfind(".SH", 0) != 0;
+         previous = line) {
+        if (previous != ".TP") continue;
+        const std::string word = line.substr(line.find(' ') + 1);
+        names.insert(word.substr(0, word.find(' ')));
+    }
+    return names;
+}
+
 TEST_F(FanoutDepotTool, HelpAndUsageErrors) {
     const std::string usage = Msg(134, std::vector<std::string>(8, "fanout-depot")) +
                               " fanout-depot repeater_name check [--repair]\n";
     for (const char* help : {"help", "--help"}) {
         const Result r = Run({help});
         EXPECT_EQ(r.status, 0);
-        EXPECT_EQ(r.out, usage);
+        EXPECT_EQ(r.out.rfind(usage + "Options:\n", 0), 0u) << r.out;
     }
-    const std::vector<std::vector<std::string>> bad = {
-        {}, {depot_}, {depot_, "frobnicate"}, {depot_, "add", "a^1"}, {depot_, "delete"},
-        {depot_, "purge", "--all"}, {depot_, "list", "a^1", "b^2"}, {depot_, "--size"},
-        {depot_, "check", "--all"}};
+    // --help and the man page list the same options, every one the tool takes.
+    const std::string man =
+        Slurp(fs::path(__FILE__).parent_path().parent_path().parent_path() / "docs/fanout-depot.1");
+    const std::set<std::string> options = HelpOptions(Run({"--help"}).out);
+    EXPECT_EQ(options, ManOptions(man));
+    for (const char* o : {"--size", "--verbose", "--deadline", "--force", "-l", "--expired",
+                          "--repair", "--help", "--version"}) {
+        EXPECT_EQ(options.count(o), 1u) << o;
+    }
+    EXPECT_EQ(man.find("KiB"), std::string::npos);  // sizes are written KB throughout
+    Result r = Run({"--version"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.out.rfind("fanout-depot (libfanout) ", 0), 0u) << r.out;
+
+    const std::string file = Sample("seg.bin", 10);
+    const std::vector<std::vector<std::string>> bad = {{},
+                                                       {depot_},
+                                                       {depot_, "frobnicate"},
+                                                       {depot_, "add", "a^1"},
+                                                       {depot_, "delete"},
+                                                       {depot_, "purge", "--all"},
+                                                       {depot_, "list", "a^1", "b^2"},
+                                                       {depot_, "--size"},
+                                                       {depot_, "check", "--all"},
+                                                       {depot_, "list", "-x"},
+                                                       {depot_, "add", "app", file},
+                                                       {depot_, "add", "^1", file},
+                                                       {depot_, "delete", "app"},
+                                                       {"-x", "list"},
+                                                       {depot_, "add", "a^1", file, "--bogus"},
+                                                       {depot_, "image", "a", file, root_}};
     for (const auto& args : bad) {
-        const Result r = Run(args);
-        EXPECT_EQ(r.status, 2) << args.size();
-        EXPECT_NE(r.err.find(usage), std::string::npos);
+        r = Run(args);
+        EXPECT_EQ(r.status, 2) << testing::PrintToString(args);
+        EXPECT_EQ(r.err.rfind("fanout-depot: ", 0), 0u) << r.err;
+        EXPECT_EQ(r.err.substr(r.err.size() - std::min(r.err.size(), usage.size())), usage);
     }
+    r = Run({depot_, "add", "app", file});
+    EXPECT_EQ(r.err, "fanout-depot: " + Msg(166) + usage);
+    EXPECT_FALSE(fs::exists(depot_));
 }
 
 TEST_F(FanoutDepotTool, RefusalsAreOneLineWithTheCatalogueText) {
     const std::string file = Sample("seg.bin", 10);
+    ASSERT_EQ(Run({depot_, "add", "seg^1", file}).status, 0);
     struct Case {
         std::vector<std::string> args;
         std::string err;
     };
     const Case cases[] = {
-        {{depot_, "add", "noversion", file}, "fanout-depot: " + Msg(166)},
-        {{depot_, "add", "^1", file}, "fanout-depot: " + Msg(166)},
         {{depot_, "delete", "a^1"}, "fanout-depot: " + Msg(158, {"a^1"})},
         {{depot_, "list", "a^1"}, "fanout-depot: " + Msg(170, {"a^1"})},
+        {{depot_, "image", "a^1", file, root_ + "/img"}, "fanout-depot: " + Msg(170, {"a^1"})},
     };
     for (const auto& c : cases) {
         const Result r = Run(c.args);
@@ -162,11 +259,70 @@ TEST_F(FanoutDepotTool, RefusalsAreOneLineWithTheCatalogueText) {
     for (const auto& args : std::vector<std::vector<std::string>>{
              {depot_, "add", "a^1", root_ + "/missing"},
              {depot_, "add", "a^1", "elsewhere.example:" + file},
+             {depot_, "image", "seg^1", Sample("other.bin", 11), root_ + "/img"},
              {file + "/depot", "describe"}}) {
         const Result r = Run(args);
         EXPECT_EQ(r.status, 1) << args[0];
         EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
     }
+    EXPECT_FALSE(fs::exists(root_ + "/img"));  // a refused image writes nothing
+}
+
+// Only add makes a depot; every other command names the directory it did not
+// find and where its name came from, and creates nothing. So does a
+// configuration file that FANOUT_CONFIG names but that is not there, and a
+// lock file the depot cannot create, with the code and the host's text.
+TEST_F(FanoutDepotTool, MissingDepotOrConfigurationIsNamed) {
+    const std::string file = Sample("seg.bin", 10);
+    const std::string missing = root_ + "/no/such/depot", zel = root_ + "/zel";
+    const std::string notFound = ": No such file or directory (only add creates a depot)\n";
+    struct Case {
+        std::vector<std::string> args;
+        std::vector<std::string> env;
+        std::string err;  // the start of the one line on standard error
+    };
+    ASSERT_EQ(mkdir(depot_.c_str(), 0700), 0);
+    ASSERT_EQ(mkdir((depot_ + "/depot.lk").c_str(), 0700), 0);  // no lock file can go there
+    std::vector<Case> cases = {{{depot_, "list"},
+                                {},
+                                "fanout-depot: cannot open the depot " + depot_ + ": " + depot_ +
+                                    "/depot.lk: PAL_ERR_SYSTEM: Is a directory (errno 21, step "}};
+    for (const std::vector<std::string>& command :
+         std::vector<std::vector<std::string>>{{"describe"},
+                                               {"list"},
+                                               {"list", "a^1", "-l"},
+                                               {"delete", "a^1"},
+                                               {"purge"},
+                                               {"purge", "--expired"},
+                                               {"check"},
+                                               {"image", "a^1", file, root_ + "/img"}}) {
+        std::vector<std::string> args = {missing};
+        args.insert(args.end(), command.begin(), command.end());
+        cases.push_back({args, {}, "fanout-depot: no depot at " + missing + notFound});
+    }
+    cases.push_back(
+        {{".", "list"},
+         {"ZEL_DATDIR=" + zel},
+         "fanout-depot: no depot at " + zel + "/depot (ZEL_DATDIR is " + zel + ")" + notFound});
+    cases.push_back({{depot_, "list"},
+                     {"FANOUT_CONFIG=" + root_ + "/missing.conf"},
+                     "fanout-depot: cannot read the configuration file " + root_ +
+                         "/missing.conf named by FANOUT_CONFIG: No such file or directory\n"});
+    for (const Case& c : cases) {
+        const Result r = Run(c.args, c.env);
+        EXPECT_EQ(r.status, 1) << c.args[1];
+        EXPECT_EQ(r.err.rfind(c.err, 0), 0u) << r.err;
+        EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+    }
+    EXPECT_FALSE(fs::exists(root_ + "/no"));
+    EXPECT_FALSE(fs::exists(root_ + "/img"));
+    EXPECT_FALSE(fs::exists(zel));
+    // add makes the depot, parents included; ZEL_DATDIR's too.
+    EXPECT_EQ(Run({missing, "add", "a^1", file}).status, 0);
+    EXPECT_EQ(Run({missing, "list", "a^1"}).status, 0);
+    ASSERT_EQ(mkdir(zel.c_str(), 0700), 0);
+    EXPECT_EQ(Run({".", "add", "a^1", file}, {"ZEL_DATDIR=" + zel}).status, 0);
+    EXPECT_TRUE(fs::is_directory(zel + "/depot"));
 }
 
 TEST_F(FanoutDepotTool, AddListDescribeDelete) {
@@ -194,7 +350,8 @@ TEST_F(FanoutDepotTool, AddListDescribeDelete) {
                                       Msg(145, {"1500", "100"});
     EXPECT_EQ(r.out.rfind(expectedStart, 0), 0u) << r.out;
     for (int n = 147; n <= 151; ++n) EXPECT_NE(r.out.find(Msg(n)), std::string::npos) << n;
-    EXPECT_NE(r.out.find(Msg(154, {"1"}) + Msg(155, {"permanent"})), std::string::npos);
+    EXPECT_NE(r.out.find(Msg(154, {"1"}) + Msg(155, {"permanent"}) + "Deadline: \t\tnever\n"),
+              std::string::npos);
 
     r = Run({depot_, "--size", "100", "describe"});
     ASSERT_EQ(r.status, 0);
@@ -239,6 +396,16 @@ TEST_F(FanoutDepotTool, DeleteRefusesEntriesInProgressOrInUse) {
     Result r = Run({depot_, "delete", "busy^1"});
     EXPECT_EQ(r.status, 1);
     EXPECT_EQ(r.err, "fanout-depot: " + Msg(156, {"busy^1"}));
+    r = Run({depot_, "add", "busy^1", Sample("b.bin", 10)});
+    EXPECT_EQ(r.err.rfind("fanout-depot: cannot add busy^1: an add of it is under way or it is in "
+                          "use (" +
+                              depot_ + "/" + FirstName("busy", "1") + ".xml: PAL_ERR_BUSY",
+                          0),
+              0u)
+        << r.err;
+    r = Run({depot_, "image", "busy^1", Sample("b.bin", 0), root_ + "/img"});
+    EXPECT_NE(r.err.find("is not complete"), std::string::npos) << r.err;
+    EXPECT_FALSE(fs::exists(root_ + "/img"));
     r = Run({depot_, "delete", "used^1"});
     EXPECT_EQ(r.err, "fanout-depot: " + Msg(157, {"used^1"}));
     EXPECT_EQ(FilesEndingIn(".xml"), 2u);
@@ -254,10 +421,26 @@ TEST_F(FanoutDepotTool, DeleteRefusesEntriesInProgressOrInUse) {
     EXPECT_EQ(FilesEndingIn(".xml"), 1u);
 }
 
+// A deadline already past is refused unless forced; list -l shows it; purge
+// --expired removes only what is past it.
 TEST_F(FanoutDepotTool, PurgeExpiredRemovesOnlyPastDeadlines) {
-    ASSERT_EQ(Run({depot_, "add", "old^1", Sample("o.bin", 10), "--deadline", "1000"}).status, 0);
+    Result r = Run({depot_, "add", "old^1", Sample("o.bin", 10), "--deadline", "1000"});
+    EXPECT_EQ(r.status, 1);
+    EXPECT_NE(r.err.find("is in the past; add --force"), std::string::npos) << r.err;
+    EXPECT_FALSE(fs::exists(depot_));
+    ASSERT_EQ(
+        Run({depot_, "add", "old^1", Sample("o.bin", 10), "--deadline", "1000", "--force"}).status,
+        0);
     ASSERT_EQ(Run({depot_, "add", "new^1", Sample("n.bin", 10), "--deadline", "2100/01/01"}).status,
               0);
+    struct tm when {};
+    when.tm_year = 200;
+    when.tm_mday = 1;
+    when.tm_isdst = -1;
+    r = Run({depot_, "list", "new^1", "-l"});
+    EXPECT_NE(r.out.find("Deadline: \t\t" + Msg(141, {std::to_string(mktime(&when))})),
+              std::string::npos)
+        << r.out;
     ASSERT_EQ(Run({depot_, "purge", "--expired"}).status, 0);
     EXPECT_EQ(Run({depot_, "list", "old^1"}).status, 1);
     EXPECT_EQ(Run({depot_, "list", "new^1"}).status, 0);
@@ -269,6 +452,8 @@ TEST_F(FanoutDepotTool, PurgeExpiredRemovesOnlyPastDeadlines) {
 TEST_F(FanoutDepotTool, ImageWritesDataAndTableOfContents) {
     const std::string file = Sample("img.bin", 64);
     const std::string images = root_ + "/cdrom";
+    ASSERT_EQ(Run({depot_, "add", "img^2", file}).status, 0);
+    ASSERT_EQ(Run({depot_, "add", "img^3", file}).status, 0);
     Result r = Run({depot_, "image", "img^2", file, images});
     ASSERT_EQ(r.status, 0) << r.err;
     EXPECT_EQ(r.err, "");
@@ -290,12 +475,58 @@ TEST_F(FanoutDepotTool, ImageWritesDataAndTableOfContents) {
     EXPECT_TRUE(fs::exists(depot_ + "/img^3.toc"));
 }
 
-// The name a key's first entry gets: "<bucket>.0".
-std::string FirstName(const std::string& id, const std::string& version) {
-    PalChar* bucket = DepotFindBucket(id.c_str(), version.c_str());
-    std::string name = std::string(bucket) + ".0";
-    PalMemoryFree(bucket);
-    return name;
+// add, image and purge show progress and a one-line summary when standard
+// error is a terminal, and write nothing there otherwise.
+TEST_F(FanoutDepotTool, ProgressAndSummaryOnlyOnATerminal) {
+    const std::string file = Sample("big.bin", 3u << 20), old = Sample("old.bin", 1000);
+    const std::string tty = root_ + "/tty";
+    struct Case {
+        std::string command;
+        std::vector<std::string> args;  // after the depot
+        std::string progress, summary;  // on the terminal; "@" stands for its depot
+    };
+    const Case cases[] = {
+        {"add",
+         {"old^1", old, "--deadline", "1000", "--force"},
+         "adding old^1: 100%",
+         "added old^1 to @ (1 KB)"},
+        {"add",
+         {"big^1", file},
+         "\radding big^1:  33% (1024 of 3072 KB)",
+         "added big^1 to @ (3072 KB)"},
+        {"image",
+         {"big^1", file, "@img"},
+         "\rwriting the image of big^1: 100%",
+         "wrote the image of big^1 into @img (3072 KB)"},
+        {"purge",
+         {"--expired"},
+         "\rpurging @:   0% (0 of 2)",
+         "purged 1 of 2 entries (1 KB freed)"},
+    };
+    for (const Case& c : cases) {
+        for (const std::string& depot : {depot_, tty}) {
+            std::vector<std::string> args = {depot, c.command};
+            for (std::string a : c.args) {
+                if (a[0] == '@') a = depot + a.substr(1);  // "@": the depot's path
+                args.push_back(a);
+            }
+            const bool onTerminal = depot == tty;
+            const Result r = onTerminal ? RunOnTerminal(args) : Run(args);
+            EXPECT_EQ(r.status, 0) << c.command << r.err;
+            if (!onTerminal) {
+                EXPECT_EQ(r.err, "") << c.command;
+                continue;
+            }
+            auto at = [&](std::string text) {
+                for (size_t i; (i = text.find('@')) != std::string::npos;) text.replace(i, 1, tty);
+                return text;
+            };
+            EXPECT_NE(r.err.find(at(c.progress)), std::string::npos) << c.command << r.err;
+            EXPECT_NE(r.err.find("\033[Kfanout-depot: " + at(c.summary) + "\r\n"),
+                      std::string::npos)
+                << c.command << r.err;
+        }
+    }
 }
 
 // A file of `bytes` bytes whose content depends on `seed` at every offset.
@@ -358,7 +589,8 @@ TEST_F(FanoutDepotTool, ConcurrentAddsOfOneBucketKeepEveryByte) {
 // in one line of its own on standard error, and exits 1.
 TEST_F(FanoutDepotTool, UnusableEntryFilesAreCountedAndHideNothing) {
     for (int i = 0; i < 7; ++i) {
-        const std::vector<std::string> deadline = {"--deadline", i < 3 ? "1000" : "2100/01/01"};
+        const std::vector<std::string> deadline = {"--deadline", i < 3 ? "1000" : "2100/01/01",
+                                                   "--force"};
         std::vector<std::string> args = {depot_, "add", "e" + std::to_string(i) + "^1",
                                          Sample("s" + std::to_string(i), 2048)};
         args.insert(args.end(), deadline.begin(), deadline.end());
@@ -413,6 +645,7 @@ TEST_F(FanoutDepotTool, NothingOutsideTheDepotIsWrittenOrRemoved) {
     const std::string images = root_ + "/cdrom";
     ASSERT_EQ(mkdir(images.c_str(), 0700), 0);
     const std::string file = Sample("img.bin", 64);
+    ASSERT_EQ(Run({depot_, "add", "img^2", file}).status, 0);
     for (const char* part : {"/img.bin.part", "/img^2.toc.part"}) {
         ASSERT_EQ(symlink(victim.c_str(), (images + part).c_str()), 0);
     }

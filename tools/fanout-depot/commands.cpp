@@ -3,7 +3,8 @@
 // Every command that changes the depot leaves it whole when it fails: an
 // add that cannot copy its file removes the entry it made and gives its
 // reservation back, and an image is written under temporary names and
-// renamed into place only once complete.
+// renamed into place only once complete. Only add creates a depot; every
+// other command on a missing depot directory fails without making it.
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -39,6 +40,9 @@ namespace {
 constexpr PalInt32 kReadOnly = 0x1;
 constexpr PalInt32 kWriteExisting = PAL_OPEN_WRONLY | PAL_OPEN_NOFOLLOW | PAL_OPEN_REGULAR;
 constexpr size_t kCopyBlock = 1u << 20;
+// The deadline of an entry that never expires (4294967295 as the depot
+// compares deadlines, unsigned).
+constexpr int32_t kNoDeadline = -1;
 
 void Print(const std::string& text) { std::fputs(text.c_str(), stdout); }
 
@@ -51,6 +55,13 @@ const char* StateWord(int32_t state) {
     }
 }
 
+// An argument that looks like an option but is none of `command`'s.
+void RefuseUnknownOption(const std::string& command, const std::string& arg) {
+    if (arg.size() > 1 && arg[0] == '-') {
+        throw UsageError("unknown option " + arg + " of " + command);
+    }
+}
+
 // An open file of the portability layer, closed on the way out.
 struct PalFile {
     PalFileHandle f{nullptr};
@@ -59,14 +70,16 @@ struct PalFile {
     }
 };
 
-// Copies every byte of `in` to `out`; false on a read or write failure.
-bool CopyAll(PalFileHandle in, PalFileHandle out, std::string* why) {
+// Copies every byte of `in` to `out`, advancing `progress` by the bytes
+// copied; false (with *why) on a read or write failure.
+bool CopyAll(PalFileHandle in, PalFileHandle out, Progress& progress, std::string* why) {
     std::vector<char> block(kCopyBlock);
+    uint64_t copied = 0;
     for (;;) {
         PalUint32 got = 0;
         PalError e = PalFileRead(in, block.data(), kCopyBlock, &got);
         if (e.palError != PAL_OK) {
-            *why = std::string("read failed: ") + std::strerror(e.nativeError);
+            *why = "read failed: " + ErrorText(e);
             return false;
         }
         if (got == 0) return true;
@@ -74,12 +87,14 @@ bool CopyAll(PalFileHandle in, PalFileHandle out, std::string* why) {
             PalUint32 put = 0;
             e = PalFileWrite(out, block.data() + done, got - done, &put);
             if (e.palError != PAL_OK || put == 0) {
-                *why = std::string("write failed: ") +
-                       std::strerror(e.palError != PAL_OK ? e.nativeError : ENOSPC);
+                *why = "write failed: " +
+                       (e.palError != PAL_OK ? ErrorText(e) : std::string(std::strerror(ENOSPC)));
                 return false;
             }
             done += put;
         }
+        copied += got;
+        progress.Advance(copied);
     }
 }
 
@@ -90,8 +105,8 @@ bool WriteAll(PalFileHandle out, const uint8_t* data, size_t size, std::string* 
         const size_t chunk = std::min<size_t>(size - done, kCopyBlock);
         const PalError e = PalFileWrite(out, data + done, static_cast<PalUint32>(chunk), &put);
         if (e.palError != PAL_OK || put == 0) {
-            *why = std::string("write failed: ") +
-                   std::strerror(e.palError != PAL_OK ? e.nativeError : ENOSPC);
+            *why = "write failed: " +
+                   (e.palError != PAL_OK ? ErrorText(e) : std::string(std::strerror(ENOSPC)));
             return false;
         }
         done += put;
@@ -112,8 +127,8 @@ bool NewPartFile(const std::string& target, std::string* part, PalFileHandle* ou
     }
     ::close(fd);
     *part = name;
-    if (PalFileOpen(out, name.c_str(), kWriteExisting).palError != PAL_OK) {
-        *why = "cannot open " + name;
+    if (const PalError e = PalFileOpen(out, name.c_str(), kWriteExisting); e.palError != PAL_OK) {
+        *why = "cannot open " + name + ": " + ErrorText(e);
         return false;
     }
     return true;
@@ -139,6 +154,12 @@ int32_t ParseDeadline(const std::string& text) {
                      "\" (seconds since 1970, or YYYY/MM/DD [HH:MM:SS])");
 }
 
+// A deadline as list -l shows it: a time, or "never".
+std::string DeadlineText(int32_t deadline) {
+    if (deadline == kNoDeadline) return "never\n";
+    return TimeText(static_cast<uint32_t>(deadline));
+}
+
 struct SourceFile {
     std::string path;
     int64_t size = 0, ctime = 0, mtime = 0;
@@ -150,17 +171,10 @@ SourceFile Stat(const std::string& path) {
         throw Failure("cannot read " + path + ": " + std::strerror(errno));
     }
     if (st.st_size > INT32_MAX) {
-        throw Failure(Message(6, {std::to_string(ConvertDataSize(st.st_size))}));
+        throw Failure(
+            Message(msg::kSegmentTooLarge, {std::to_string(ConvertDataSize(st.st_size))}));
     }
     return {path, st.st_size, st.st_ctim.tv_sec, st.st_mtim.tv_sec};
-}
-
-std::string Absolute(const std::string& path) {
-    char* real = ::realpath(path.c_str(), nullptr);
-    if (real == nullptr) return path;
-    std::string text = real;
-    std::free(real);
-    return text;
 }
 
 std::string BaseName(const std::string& path) {
@@ -168,10 +182,14 @@ std::string BaseName(const std::string& path) {
     return slash == std::string::npos ? path : path.substr(slash + 1);
 }
 
+std::string KiBText(uint64_t bytes) {
+    return std::to_string(ConvertDataSize(bytes)) + " KB";
+}
+
 }  // namespace
 
 int Describe(const Options& o) {
-    Session s(ResolveDepotDir(o.depot), 0);  // only an add spends the balance
+    Session s(ResolveDepotDir(o.depot), 0, false);  // only an add spends the balance
     const Scan scan = s.Entries();
     uint32_t temporary = 0;
     for (const auto& e : scan.entries) {
@@ -188,47 +206,68 @@ int Describe(const Options& o) {
     } else if (struct statvfs fs {}; ::statvfs(s.directory().c_str(), &fs) == 0) {
         free = static_cast<uint64_t>(fs.f_bavail) * fs.f_frsize / 1024;
     }
-    Print(Message(159, {s.directory()}));
-    Print(Message(160, {std::to_string(o.sizeKiB)}));
-    Print(Message(161, {std::to_string(temporary)}));
-    Print(Message(162, {std::to_string(permanent)}));
-    Print(Message(163, {std::to_string(total)}));
-    Print(Message(164, {std::to_string(free)}));
+    Print(Message(msg::kDepotLocation, {s.directory()}));
+    Print(Message(msg::kDepotSize, {std::to_string(o.sizeKiB)}));
+    Print(Message(msg::kTemporaryStorage, {std::to_string(temporary)}));
+    Print(Message(msg::kPermanentStorage, {std::to_string(permanent)}));
+    Print(Message(msg::kTotalStorage, {std::to_string(total)}));
+    Print(Message(msg::kFreeSpace, {std::to_string(free)}));
     return ReportSkipped(o, scan.skipped);
 }
 
 int Add(const Options& o, const std::vector<std::string>& args) {
     std::vector<std::string> plain;
-    int32_t deadline = -1;  // 4294967295 as the depot compares it: never expires
+    int32_t deadline = kNoDeadline;
+    bool force = false;
     for (size_t i = 0; i < args.size(); ++i) {
         if (args[i] == "--deadline") {
             if (i + 1 == args.size()) throw UsageError("--deadline needs a time");
             deadline = ParseDeadline(args[++i]);
+        } else if (args[i] == "--force") {
+            force = true;
         } else {
+            RefuseUnknownOption("add", args[i]);
             plain.push_back(args[i]);
         }
     }
     if (plain.size() != 2) throw UsageError("add needs id^version and a file");
     const SegmentName name = ParseSegmentName(plain[0]);
+    // A deadline already past would make the entry the first thing the next
+    // purge --expired removes: almost always a typing mistake.
+    if (deadline != kNoDeadline && !force &&
+        static_cast<uint32_t>(deadline) < static_cast<uint64_t>(std::time(nullptr))) {
+        throw Failure("the deadline " + DeadlineText(deadline).substr(0, 19) +
+                      " is in the past; add --force to store " + name.Text() + " all the same");
+    }
     const SourceFile source = Stat(LocalSourcePath(plain[1]));
     const uint32_t kib = ConvertDataSize(static_cast<uint64_t>(source.size));
-    if (o.sizeKiB != 0 && kib > o.sizeKiB) throw Failure(Message(6, {std::to_string(kib)}));
+    if (o.sizeKiB != 0 && kib > o.sizeKiB) {
+        throw Failure(Message(msg::kSegmentTooLarge, {std::to_string(kib)}));
+    }
     const std::vector<uint8_t> description =
         SegmentDescription(name, source.path, source.size, source.ctime, source.mtime);
 
-    Session s(ResolveDepotDir(o.depot), o.sizeKiB);
+    Session s(ResolveDepotDir(o.depot), o.sizeKiB, true);
     DepotHandle* h = s.handle();
     if (DepotReserveDiskSpace(h, kib).palError == PAL_ERR_NO_SPACE) {
-        throw Failure(Message(7, {std::to_string(kib)}));
+        throw Failure(Message(msg::kDepotFull, {std::to_string(kib)}));
     }
+    auto cannotAdd = [&](const std::string& why) {
+        DepotUnreserveDiskSpace(h, kib);
+        throw Failure("cannot add " + name.Text() + ": " + why);
+    };
+    // Why DepotAddEntry returned no record.
+    auto addFailed = [&] {
+        const std::string why = LastDepotError(s.directory());
+        if (LastDepotCode() == PAL_ERR_BUSY) {
+            cannotAdd("an add of it is under way or it is in use (" + why + ")");
+        }
+        cannotAdd(why);
+    };
     DepotEntry* entry = DepotAddEntry(h, name.id.c_str(), name.version.c_str(),
                                       description.data(),
                                       static_cast<PalUint32>(description.size()));
-    if (entry == nullptr) {
-        DepotUnreserveDiskSpace(h, kib);
-        throw Failure("cannot add " + name.Text() +
-                      ": an entry for it is in progress, or the depot cannot be written");
-    }
+    if (entry == nullptr) addFailed();
     if (entry->state != 0) {
         // A complete segment is reused, not stored twice, once its data file
         // holds what its description says (or, without one, what the file
@@ -246,33 +285,35 @@ int Add(const Options& o, const std::vector<std::string>& args) {
         }
         if (entry->state != 1 || DepotRemoveEntry(h, entry, PAL_TRUE).palError != PAL_OK) {
             if (entry->state != 1) DepotFreeEntry(h, entry);
-            DepotUnreserveDiskSpace(h, kib);
-            throw Failure("cannot add " + name.Text() +
-                          ": the stored copy lost data and cannot be replaced now (it is in use "
-                          "or cannot be removed)");
+            cannotAdd(
+                "the stored copy lost data and cannot be replaced now (it is in use or "
+                "cannot be removed)");
         }
         entry = DepotAddEntry(h, name.id.c_str(), name.version.c_str(), description.data(),
                               static_cast<PalUint32>(description.size()));
-        if (entry == nullptr || entry->state != 0) {
-            if (entry != nullptr) DepotFreeEntry(h, entry);
-            DepotUnreserveDiskSpace(h, kib);
-            throw Failure("cannot add " + name.Text() + ": another add of it is under way");
+        if (entry == nullptr) addFailed();
+        if (entry->state != 0) {
+            DepotFreeEntry(h, entry);
+            cannotAdd("another add of it is under way");
         }
     }
     auto undo = [&](const std::string& why) {
         DepotRemoveEntry(h, entry, PAL_TRUE);
-        DepotUnreserveDiskSpace(h, kib);
-        throw Failure("cannot add " + name.Text() + ": " + why);
+        cannotAdd(why);
     };
     std::string why;
+    Progress progress(o.progress, "adding " + name.Text(), static_cast<uint64_t>(source.size),
+                      true);
     {
         PalFile in, out;
-        if (PalFileOpen(&in.f, source.path.c_str(), kReadOnly).palError != PAL_OK) {
-            why = "cannot open " + source.path;
-        } else if (DepotFileOpenForWrite(h, entry, &out.f, PAL_TRUE).palError != PAL_OK) {
-            why = "cannot open the data file " + std::string(entry->location);
+        if (const PalError e = PalFileOpen(&in.f, source.path.c_str(), kReadOnly);
+            e.palError != PAL_OK) {
+            why = "cannot open " + source.path + ": " + ErrorText(e);
+        } else if (const PalError w = DepotFileOpenForWrite(h, entry, &out.f, PAL_TRUE);
+                   w.palError != PAL_OK) {
+            why = "cannot open the data file " + std::string(entry->location) + ": " + ErrorText(w);
         } else {
-            CopyAll(in.f, out.f, &why);
+            CopyAll(in.f, out.f, progress, &why);
         }
     }
     if (!why.empty()) undo(why);
@@ -280,40 +321,75 @@ int Add(const Options& o, const std::vector<std::string>& args) {
     if (entry->segmentSize != static_cast<uint64_t>(source.size)) {
         undo(source.path + " changed while it was copied");
     }
+    const std::string entryFile = entry->entryFilePath ? entry->entryFilePath : "";
     const PalError done = DepotCompleteEntry(h, entry, deadline);  // releases the record
     if (done.palError != PAL_OK) {
         if (DepotEntry* again = DepotGetEntry(h, name.id.c_str(), name.version.c_str())) {
             DepotRemoveEntry(h, again, PAL_TRUE);
         }
-        DepotUnreserveDiskSpace(h, kib);
-        throw Failure("cannot add " + name.Text() + ": its entry file cannot be written");
+        cannotAdd("cannot write its entry file " + entryFile + ": " + ErrorText(done));
     }
     DepotAdjustReservedSpace(h, name.id.c_str(), name.version.c_str());
+    progress.Finish(o.program, "added " + name.Text() + " to " + s.directory() + " (" +
+                                   KiBText(static_cast<uint64_t>(source.size)) + ")");
     return kOk;
 }
 
 int Image(const Options& o, const std::vector<std::string>& args) {
+    for (const auto& a : args) RefuseUnknownOption("image", a);
     if (args.size() != 3) throw UsageError("image needs id^version, a file and an image directory");
     const SegmentName name = ParseSegmentName(args[0]);
     const SourceFile source = Stat(LocalSourcePath(args[1]));
-    std::string imageDir = args[2];
-    const std::string depotDir = ResolveDepotDir(o.depot);
+    // The image is of a segment the depot holds complete, and `file` must be
+    // that segment: an unknown key, an entry still being added, or a file of
+    // another size writes nothing.
+    const DepotDir depotDir = ResolveDepotDir(o.depot);
+    // Made absolute before the session moves into the depot directory.
+    const std::string imageDir = Absolute(args[2]);
+    {
+        Session s(depotDir, 0, false);
+        DepotEntry* e = DepotGetEntry(s.handle(), name.id.c_str(), name.version.c_str());
+        if (e == nullptr) {
+            if (LastDepotCode() == PAL_ERR_NO_ENTRY) {
+                throw Failure(Message(msg::kNotInDepot, {name.Text()}));
+            }
+            throw Failure("cannot read the entry of " + name.Text() + ": " +
+                          LastDepotError(s.directory()));
+        }
+        const int32_t state = e->state;
+        PalUint64 stored = 0;
+        const PalError sized = DepotEntryGetFileSize(s.handle(), e, &stored);
+        DepotFreeEntry(s.handle(), e);
+        // In use by a stream (state 2) is complete all the same.
+        if (state != 1 && state != 2) {
+            throw Failure("cannot write the image of " + name.Text() +
+                          ": its entry in the depot is not complete");
+        }
+        if (sized.palError != PAL_OK) {
+            throw Failure("cannot write the image of " + name.Text() +
+                          ": cannot read the size of its data file: " + ErrorText(sized));
+        }
+        if (stored != static_cast<PalUint64>(source.size)) {
+            throw Failure("cannot write the image of " + name.Text() + ": " + source.path +
+                          " holds " + std::to_string(source.size) + " bytes, the depot's copy " +
+                          std::to_string(stored));
+        }
+    }
     if (::mkdir(imageDir.c_str(), 0755) != 0 && errno != EEXIST) {
         throw Failure("cannot create the image directory " + imageDir + ": " +
                       std::strerror(errno));
     }
-    imageDir = Absolute(imageDir);
-    if (imageDir == Absolute(depotDir)) std::fputs(Message(201).c_str(), stderr);
+    if (SameFile(imageDir, depotDir.path)) std::fputs(Message(msg::kImageInDepot).c_str(), stderr);
 
     // The data file keeps its name, so that a table of contents naming the
     // segment's original location finds it here; the table of contents is
     // named after the segment.
-    const std::string data = imageDir + "/" + BaseName(source.path);
+    const std::string data = Absolute(imageDir + "/" + BaseName(source.path));
     std::string tocName = name.Text();
     for (char& c : tocName) {
         if (c == '/') c = '_';
     }
-    const std::string toc = imageDir + "/" + tocName + ".toc";
+    const std::string toc = Absolute(imageDir + "/" + tocName + ".toc");
     // Both are written under fresh names, created exclusively (no name an
     // intruder could have prepared as a link), and renamed into place.
     std::string dataPart, tocPart;
@@ -322,17 +398,20 @@ int Image(const Options& o, const std::vector<std::string>& args) {
         if (!tocPart.empty()) ::unlink(tocPart.c_str());
         throw Failure("cannot write the image of " + name.Text() + ": " + why);
     };
-    const bool copy = Absolute(data) != source.path;
+    Progress progress(o.progress, "writing the image of " + name.Text(),
+                      static_cast<uint64_t>(source.size), true);
+    const bool copy = !SameFile(data, source.path);
     if (copy) {
         std::string why;
         {
             PalFile in, out;
             if (!NewPartFile(data, &dataPart, &out.f, &why)) {
                 // why says what went wrong
-            } else if (PalFileOpen(&in.f, source.path.c_str(), kReadOnly).palError != PAL_OK) {
-                why = "cannot open " + source.path;
+            } else if (const PalError e = PalFileOpen(&in.f, source.path.c_str(), kReadOnly);
+                       e.palError != PAL_OK) {
+                why = "cannot open " + source.path + ": " + ErrorText(e);
             } else {
-                CopyAll(in.f, out.f, &why);
+                CopyAll(in.f, out.f, progress, &why);
             }
         }
         if (!why.empty()) fail(why);
@@ -373,6 +452,8 @@ int Image(const Options& o, const std::vector<std::string>& args) {
     if (::rename(tocPart.c_str(), toc.c_str()) != 0) {
         fail("cannot rename " + tocPart + ": " + std::strerror(errno));
     }
+    progress.Finish(o.program, "wrote the image of " + name.Text() + " into " + imageDir + " (" +
+                                   KiBText(static_cast<uint64_t>(source.size)) + ")");
     return kOk;
 }
 
@@ -382,15 +463,15 @@ int List(const Options& o, const std::vector<std::string>& args) {
     for (const auto& a : args) {
         if (a == "-l") {
             longForm = true;
-        } else if (filter.empty()) {
-            filter = a;
-        } else {
-            throw UsageError("list takes one id^version and -l");
+            continue;
         }
+        RefuseUnknownOption("list", a);
+        if (!filter.empty()) throw UsageError("list takes one id^version and -l");
+        filter = a;
     }
     SegmentName wanted;
     if (!filter.empty()) wanted = ParseSegmentName(filter);
-    Session s(ResolveDepotDir(o.depot), 0);  // only an add spends the balance
+    Session s(ResolveDepotDir(o.depot), 0, false);  // only an add spends the balance
     const Scan scan = s.Entries();
     std::vector<EntryInfo> shown;
     for (auto& e : scan.entries) {
@@ -400,13 +481,14 @@ int List(const Options& o, const std::vector<std::string>& args) {
     }
     if (!filter.empty() && shown.empty()) {
         ReportSkipped(o, scan.skipped);
-        throw Failure(Message(170, {filter}));
+        throw Failure(Message(msg::kNotInDepot, {filter}));
     }
     if (!longForm) {
         char line[512];
-        std::snprintf(line, sizeof line, "%-24s %-12s %-10s %10s  %s", Message(135).c_str(),
-                      Message(136).c_str(), Message(137).c_str(), Message(138).c_str(),
-                      Message(139).c_str());
+        std::snprintf(line, sizeof line, "%-24s %-12s %-10s %10s  %s",
+                      Message(msg::kColumnName).c_str(), Message(msg::kColumnVersion).c_str(),
+                      Message(msg::kColumnType).c_str(), Message(msg::kColumnSize).c_str(),
+                      Message(msg::kColumnTime).c_str());
         Print(line);
         for (const auto& e : shown) {
             std::snprintf(line, sizeof line, "%-24s %-12s %-10s %10u  ", e.id.c_str(),
@@ -419,58 +501,89 @@ int List(const Options& o, const std::vector<std::string>& args) {
     for (const auto& e : shown) {
         const uint64_t percent =
             e.expectedSize > 0 ? e.bytes * 100 / static_cast<uint64_t>(e.expectedSize) : 100;
-        Print(Message(142, {std::to_string(++number)}));
-        Print(Message(143, {e.id}));
-        Print(Message(144, {e.version}));
-        Print(Message(145, {std::to_string(e.bytes), std::to_string(percent)}));
-        Print(Message(146, {e.location}));
-        Print(Message(147) + TimeText(e.ctime));
-        Print(Message(148) + TimeText(e.mtime));
-        Print(Message(149) + TimeText(e.entryCreated));
-        Print(Message(150) + TimeText(e.dataAccessed));
-        Print(Message(151) + TimeText(e.dataModified));
-        Print(Message(152, {std::to_string(e.openCount)}));
-        Print(Message(153, {std::to_string(e.writeCount)}));
-        Print(Message(154, {std::to_string(e.referenceCount)}));
-        Print(Message(155, {StateWord(e.state)}));
+        Print(Message(msg::kEntryNumber, {std::to_string(++number)}));
+        Print(Message(msg::kEntryId, {e.id}));
+        Print(Message(msg::kEntryVersion, {e.version}));
+        Print(Message(msg::kEntryBytes, {std::to_string(e.bytes), std::to_string(percent)}));
+        Print(Message(msg::kEntryLocation, {e.location}));
+        Print(Message(msg::kFileChangeTime) + TimeText(e.ctime));
+        Print(Message(msg::kFileModifyTime) + TimeText(e.mtime));
+        Print(Message(msg::kDepotCreateTime) + TimeText(e.entryCreated));
+        Print(Message(msg::kDepotAccessTime) + TimeText(e.dataAccessed));
+        Print(Message(msg::kDepotModifyTime) + TimeText(e.dataModified));
+        Print(Message(msg::kAccessCount, {std::to_string(e.openCount)}));
+        Print(Message(msg::kModificationCount, {std::to_string(e.writeCount)}));
+        Print(Message(msg::kReferenceCount, {std::to_string(e.referenceCount)}));
+        Print(Message(msg::kStorageStatus, {StateWord(e.state)}));
+        // The catalogue has no line for the deadline: the tool's own, laid
+        // out like the lines above.
+        Print("Deadline: \t\t" + DeadlineText(e.deadline));
     }
     return ReportSkipped(o, scan.skipped);
 }
 
 int Delete(const Options& o, const std::vector<std::string>& args) {
+    for (const auto& a : args) RefuseUnknownOption("delete", a);
     if (args.size() != 1) throw UsageError("delete needs one id^version");
     const SegmentName name = ParseSegmentName(args[0]);
-    Session s(ResolveDepotDir(o.depot), 0);  // only an add spends the balance
+    Session s(ResolveDepotDir(o.depot), 0, false);  // only an add spends the balance
     DepotEntry* e = DepotGetEntry(s.handle(), name.id.c_str(), name.version.c_str());
-    if (e == nullptr) throw Failure(Message(158, {name.Text()}));
+    if (e == nullptr) {
+        if (LastDepotCode() == PAL_ERR_NO_ENTRY) {
+            throw Failure(Message(msg::kDeleteMissing, {name.Text()}));
+        }
+        throw Failure("cannot delete the entry " + name.Text() + ": " +
+                      LastDepotError(s.directory()));
+    }
     // An entry in progress whose writer died is stale and goes like a
     // complete one; a live writer's is refused, as is one in use by a stream.
     const bool stale = e->state == 0 && !DepotEntryWriterAlive(s.handle(), e);
     if (e->state != 1 && !stale) {
-        const int number = e->state == 0 ? 156 : 157;  // in progress, or in use by a stream
+        const int number = e->state == 0 ? msg::kDeleteInProgress : msg::kDeleteInUse;
         DepotFreeEntry(s.handle(), e);
         throw Failure(Message(number, {name.Text()}));
     }
     const std::string data = e->location ? e->location : "";
     const PalError removed = DepotRemoveEntry(s.handle(), e, PAL_TRUE);
     if (removed.palError != PAL_OK) {
-        throw Failure("cannot delete the entry " + name.Text() + ": cannot remove " + data +
-                      " (" + std::strerror(removed.nativeError) + ")");
+        throw Failure("cannot delete the entry " + name.Text() + ": cannot remove " + data + ": " +
+                      ErrorText(removed));
     }
     return kOk;
 }
 
 int Purge(const Options& o, const std::vector<std::string>& args) {
     const bool expired = args.size() == 1 && args[0] == "--expired";
+    for (const auto& a : args) {
+        if (a != "--expired") RefuseUnknownOption("purge", a);
+    }
     if (!args.empty() && !expired) throw UsageError("purge takes only --expired");
-    Session s(ResolveDepotDir(o.depot), 0);  // only an add spends the balance
+    Session s(ResolveDepotDir(o.depot), 0, false);  // only an add spends the balance
+    // The depot removes entries in one call: the progress shown is the
+    // count before and the summary after, from a scan of each (made only
+    // when someone watches).
+    Scan before;
+    if (o.progress) before = s.Entries();
+    Progress progress(o.progress, "purging " + s.directory(), before.entries.size(), false);
     PalUint32 skipped = 0;
     const PalError e = expired ? DepotPurgeExpiredCounting(s.handle(), &skipped)
                                : DepotPurgeCounting(s.handle(), PAL_FALSE, &skipped);
     if (e.palError != PAL_OK && e.palError != PAL_ERR_NO_MORE) {
+        progress.Finish(o.program, "purge of " + s.directory() + " failed");
         ReportSkipped(o, skipped);
-        throw Failure("cannot purge the depot " + s.directory() + " (error " +
-                      std::to_string(e.palError) + ")");
+        throw Failure("cannot purge the depot " + s.directory() + ": " + ErrorText(e));
+    }
+    if (o.progress) {
+        const Scan after = s.Entries();
+        uint64_t freed = 0;
+        for (const auto& b : before.entries) freed += b.bytes;
+        for (const auto& a : after.entries) freed -= std::min(freed, a.bytes);
+        const size_t removed =
+            before.entries.size() - std::min(before.entries.size(), after.entries.size());
+        progress.Advance(before.entries.size());
+        progress.Finish(o.program, "purged " + std::to_string(removed) + " of " +
+                                       std::to_string(before.entries.size()) + " entries (" +
+                                       KiBText(freed) + " freed)");
     }
     return ReportSkipped(o, skipped);
 }
@@ -592,8 +705,8 @@ int OpenLostFound(int dir) {
 class DepotLockHold {
 public:
     explicit DepotLockHold(Session& s) : h_(s.handle()) {
-        if (PalWaitSem(&h_->depotLock).palError != PAL_OK) {
-            throw Failure("cannot lock the depot " + s.directory());
+        if (const PalError e = PalWaitSem(&h_->depotLock); e.palError != PAL_OK) {
+            throw Failure("cannot lock the depot " + s.directory() + ": " + ErrorText(e));
         }
     }
     ~DepotLockHold() { PalPostSem(&h_->depotLock); }
@@ -747,8 +860,11 @@ std::vector<Finding> Inspect(Session& s, int dir) {
 
 int Check(const Options& o, const std::vector<std::string>& args) {
     const bool repair = args.size() == 1 && args[0] == "--repair";
+    for (const auto& a : args) {
+        if (a != "--repair") RefuseUnknownOption("check", a);
+    }
     if (!args.empty() && !repair) throw UsageError("check takes only --repair");
-    Session s(ResolveDepotDir(o.depot), 0);
+    Session s(ResolveDepotDir(o.depot), 0, false);
     DepotLockHold held(s);
     const int dir = ::open(s.directory().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (dir < 0) {

@@ -13,12 +13,15 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <system_error>
+#include <utility>
 #include <vector>
 
 #include "fanout/catalog.h"
 #include "fanout/exception.h"
 #include "fanout/keys.h"
 #include "fanout/log.h"
+#include "fanout/palerror.h"
 #include "fanout/pallock.h"
 #include "fanout/properties.h"
 #include "fanout/runtime.h"
@@ -40,11 +43,17 @@ struct PropertiesGuard {
     ~PropertiesGuard() { kel_free_generic(&list, TC_Kel_Fanout2_Properties); }
 };
 
+// The value of `key` in the configuration file, or "" when FANOUT_CONFIG is
+// not set or the file does not hold the key. A file that FANOUT_CONFIG names
+// but that cannot be read is a failure: the user asked for it.
 std::string ConfigValue(const char* key) {
     MgString file(mrt_get_config_filespec());
-    if (!file) return {};
+    if (!file || *file.get() == '\0') return {};
     char* value = nullptr;
-    if (mrt_get_config_from_file(file.get(), key, &value) != 0) return {};
+    if (const int32_t error = mrt_get_config_from_file(file.get(), key, &value); error != 0) {
+        throw Failure("cannot read the configuration file " + std::string(file.get()) +
+                      " named by FANOUT_CONFIG: " + std::strerror(error));
+    }
     MgString owned(value);
     return owned ? std::string(owned.get()) : std::string();
 }
@@ -64,13 +73,6 @@ bool MakeDirectories(const std::string& path) {
     return ::mkdir(path.c_str(), 0700) == 0 || (errno == EEXIST && IsDirectory(path));
 }
 
-std::string Absolute(const std::string& path) {
-    std::filesystem::path p = std::filesystem::absolute(path).lexically_normal();
-    std::string text = p.string();
-    while (text.size() > 1 && text.back() == '/') text.pop_back();
-    return text;
-}
-
 int64_t Seconds(const struct timespec& t) { return static_cast<int64_t>(t.tv_sec); }
 
 }  // namespace
@@ -83,13 +85,77 @@ std::string Message(int number, const std::vector<std::string>& args) {
     return text ? std::string(text.get()) : std::string();
 }
 
-std::string TimeText(int64_t seconds) { return Message(141, {std::to_string(seconds)}); }
+std::string TimeText(int64_t seconds) {
+    return Message(msg::kTime, {std::to_string(seconds)});
+}
+
+std::string ErrorText(PalError e) {
+    char text[PAL_ERROR_TEXT_SIZE];
+    PalErrorText(e, text, sizeof text);
+    return text;
+}
+
+std::string LastDepotError(const std::string& directory) {
+    const PalChar* file = nullptr;
+    const PalError e = DepotGetLastError(&file);
+    std::string name = file != nullptr ? file : "";
+    if (name.empty()) return ErrorText(e);
+    if (name.front() != '/') name = directory + "/" + name;
+    return name + ": " + ErrorText(e);
+}
+
+PalInt32 LastDepotCode() {
+    return DepotGetLastError(nullptr).palError;
+}
+
+std::string Absolute(const std::string& path) {
+    std::error_code ignored;
+    std::string text = std::filesystem::absolute(path, ignored).lexically_normal().string();
+    if (text.empty()) text = path;
+    while (text.size() > 1 && text.back() == '/') text.pop_back();
+    return text;
+}
+
+bool SameFile(const std::string& a, const std::string& b) {
+    struct stat x {};
+    struct stat y {};
+    return ::stat(a.c_str(), &x) == 0 && ::stat(b.c_str(), &y) == 0 && x.st_dev == y.st_dev &&
+           x.st_ino == y.st_ino;
+}
+
+Progress::Progress(bool shown, std::string what, uint64_t total, bool bytes)
+    : shown_(shown), bytes_(bytes), what_(std::move(what)), total_(total) {
+    Advance(0);
+}
+
+void Progress::Advance(uint64_t done) {
+    if (!shown_) return;
+    const int percent = total_ == 0 ? 100 : static_cast<int>(std::min(done, total_) * 100 / total_);
+    if (percent == percent_) return;
+    percent_ = percent;
+    if (bytes_) {
+        std::fprintf(stderr, "\r%s: %3d%% (%u of %u KB)", what_.c_str(), percent,
+                     ConvertDataSize(done), ConvertDataSize(total_));
+    } else {
+        std::fprintf(stderr, "\r%s: %3d%% (%llu of %llu)", what_.c_str(), percent,
+                     static_cast<unsigned long long>(done),
+                     static_cast<unsigned long long>(total_));
+    }
+    std::fflush(stderr);
+}
+
+void Progress::Finish(const std::string& program, const std::string& summary) {
+    if (!shown_) return;
+    // "\033[K" clears what is left of the progress line.
+    std::fprintf(stderr, "\r\033[K%s: %s\n", program.c_str(), summary.c_str());
+    shown_ = false;
+}
 
 SegmentName ParseSegmentName(const std::string& text) {
     const auto caret = text.find('^');
     if (caret == std::string::npos || caret == 0 || caret + 1 == text.size() ||
         text.find('^', caret + 1) != std::string::npos) {
-        throw Failure(Message(166));
+        throw UsageError(Message(msg::kBadSegmentSpec));
     }
     return {text.substr(0, caret), text.substr(caret + 1)};
 }
@@ -123,23 +189,22 @@ std::string LocalSourcePath(const std::string& text) {
     return Absolute(path);
 }
 
-std::string ResolveDepotDir(const std::string& depot) {
-    if (depot != ".") return Absolute(depot);
+DepotDir ResolveDepotDir(const std::string& depot) {
+    if (depot != ".") return {Absolute(depot), {}};
     // This host's depot: the configured "depot_dir", else "depot" under
-    // ZEL_DATDIR, as the endpoint's search finds it.
-    std::string dir = ConfigValue("depot_dir");
-    if (dir.empty()) {
-        const char* data = cpl_getenv("ZEL_DATDIR");
-        if (data != nullptr && *data != '\0' && IsDirectory(std::string(data) + "/depot")) {
-            dir = std::string(data) + "/depot";
-        }
+    // ZEL_DATDIR, as the endpoint's search finds it. Whether it exists is
+    // the session's question, so that its message names where it came from.
+    if (const std::string dir = ConfigValue("depot_dir"); !dir.empty()) {
+        MgString file(mrt_get_config_filespec());
+        return {Absolute(dir), "depot_dir in " + std::string(file.get())};
     }
-    if (dir.empty()) {
-        throw Failure(
-            "no depot is configured for this host (set depot_dir in the configuration file "
-            "named by FANOUT_CONFIG, or ZEL_DATDIR)");
+    const char* data = cpl_getenv("ZEL_DATDIR");
+    if (data != nullptr && *data != '\0') {
+        return {Absolute(std::string(data) + "/depot"), "ZEL_DATDIR is " + std::string(data)};
     }
-    return Absolute(dir);
+    throw Failure(
+        "no depot is configured for this host (set depot_dir in the configuration file "
+        "named by FANOUT_CONFIG, or ZEL_DATDIR)");
 }
 
 uint32_t ConfiguredDepotSize() {
@@ -167,10 +232,20 @@ std::vector<uint8_t> SegmentDescription(const SegmentName& name, const std::stri
     return std::vector<uint8_t>(bytes, bytes + length);
 }
 
-Session::Session(const std::string& directory, uint32_t sizeKiB) : directory_(directory) {
-    if (!MakeDirectories(directory_)) {
-        throw Failure("cannot create the depot directory " + directory_ + ": " +
-                      std::strerror(errno));
+Session::Session(const DepotDir& dir, uint32_t sizeKiB, bool create) : directory_(dir.path) {
+    const std::string named = dir.origin.empty() ? "" : " (" + dir.origin + ")";
+    if (create) {
+        if (!MakeDirectories(directory_)) {
+            throw Failure("cannot create the depot directory " + directory_ + named + ": " +
+                          std::strerror(errno));
+        }
+    } else if (struct stat st{}; ::stat(directory_.c_str(), &st) != 0) {
+        // Only add makes a depot: a mistyped name is not silently created.
+        const int error = errno;
+        throw Failure("no depot at " + directory_ + named + ": " + std::strerror(error) +
+                      (error == ENOENT ? " (only add creates a depot)" : ""));
+    } else if (!S_ISDIR(st.st_mode)) {
+        throw Failure("no depot at " + directory_ + named + ": not a directory");
     }
     // The lock files are opened by bare name in the current directory; every
     // user of this depot through the tool shares them by working inside it.
@@ -178,10 +253,9 @@ Session::Session(const std::string& directory, uint32_t sizeKiB) : directory_(di
         throw Failure("cannot enter the depot directory " + directory_ + ": " +
                       std::strerror(errno));
     }
-    const PalError e = DepotNew(&handle_, directory_.c_str(), sizeKiB);
+    DepotNew(&handle_, directory_.c_str(), sizeKiB);
     if (handle_ == nullptr) {
-        throw Failure("cannot open the depot " + directory_ + " (error " +
-                      std::to_string(e.palError) + ", " + std::strerror(e.nativeError) + ")");
+        throw Failure("cannot open the depot " + directory_ + ": " + LastDepotError(directory_));
     }
     if (sizeKiB != 0) {
         // The balance starts at the limit in every process; what the depot
@@ -225,13 +299,14 @@ Description DescriptionOf(const DepotEntry* e) {
 Scan Session::Entries() {
     Scan scan;
     const PalError locked = PalWaitSem(&handle_->depotLock);
-    if (locked.palError != PAL_OK) throw Failure("cannot lock the depot " + directory_);
+    if (locked.palError != PAL_OK) {
+        throw Failure("cannot lock the depot " + directory_ + ": " + ErrorText(locked));
+    }
     DepotEnum* walk = nullptr;
     const PalError opened = DepotEnumNew(handle_, &walk);
     if (opened.palError != PAL_OK || walk == nullptr) {
         PalPostSem(&handle_->depotLock);
-        throw Failure("cannot read the depot directory " + directory_ + ": " +
-                      std::strerror(opened.nativeError));
+        throw Failure("cannot read the depot directory " + directory_ + ": " + ErrorText(opened));
     }
     {
         PalUint32 skipped = 0;

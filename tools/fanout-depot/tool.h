@@ -29,15 +29,73 @@ struct Failure : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// A usage error: the usage text on standard error, exit 2.
+// A usage error: the usage text on standard error, exit 2. The text is
+// complete (catalogue texts keep their own newline).
 struct UsageError : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// The catalogue messages the tool prints.
+namespace msg {
+constexpr int kSegmentTooLarge = 6;  // "Cannot reserve %1$d KB in the depot..."
+constexpr int kDepotFull = 7;        // "Cannot reserve %1$d KB because ... no space left"
+constexpr int kUsage = 134;          // the usage text, the program name eight times
+constexpr int kColumnName = 135;     // the heads of list's table: "Name" ...
+constexpr int kColumnVersion = 136;
+constexpr int kColumnType = 137;
+constexpr int kColumnSize = 138;   // "Size (KB)"
+constexpr int kColumnTime = 139;   // "Update time\n"
+constexpr int kTime = 141;         // a time, local, "%Y/%m/%d %H:%M:%S\n"
+constexpr int kEntryNumber = 142;  // list -l, one entry: "Entry #%1$d"
+constexpr int kEntryId = 143;
+constexpr int kEntryVersion = 144;
+constexpr int kEntryBytes = 145;  // bytes received and percent
+constexpr int kEntryLocation = 146;
+constexpr int kFileChangeTime = 147;  // followed by a kTime
+constexpr int kFileModifyTime = 148;
+constexpr int kDepotCreateTime = 149;
+constexpr int kDepotAccessTime = 150;
+constexpr int kDepotModifyTime = 151;
+constexpr int kAccessCount = 152;
+constexpr int kModificationCount = 153;
+constexpr int kReferenceCount = 154;
+constexpr int kStorageStatus = 155;
+constexpr int kDeleteInProgress = 156;  // "Cannot delete ... the segment is locked"
+constexpr int kDeleteInUse = 157;
+constexpr int kDeleteMissing = 158;
+constexpr int kDepotLocation = 159;  // describe's lines, sizes in KB
+constexpr int kDepotSize = 160;
+constexpr int kTemporaryStorage = 161;
+constexpr int kPermanentStorage = 162;
+constexpr int kTotalStorage = 163;
+constexpr int kFreeSpace = 164;
+constexpr int kBadSegmentSpec = 166;  // "...must contain both an ID and a version"
+constexpr int kNotInDepot = 170;      // "%1$s was not found in the depot."
+constexpr int kImageInDepot = 201;    // the warning of an image into the depot itself
+}  // namespace msg
+
 // Catalogue message `number` rendered with positional string arguments.
 std::string Message(int number, const std::vector<std::string>& args = {});
-// Message 141 for `seconds` since the epoch (local time), newline included.
+// Message kTime for `seconds` since the epoch (local time), newline included.
 std::string TimeText(int64_t seconds);
+
+// One line saying what a portability-layer record means (PalErrorText).
+std::string ErrorText(PalError e);
+// Why the calling thread's last DepotNew, DepotAddEntry or DepotGetEntry
+// failed: "<file>: <error text>", or the error text alone when no file was
+// concerned. The Depot names lock files relative to the working directory,
+// which is the depot directory `directory`: they are given in full.
+std::string LastDepotError(const std::string& directory);
+// The code of that same record.
+PalInt32 LastDepotCode();
+
+// `path` made absolute and normalised ("." and ".." components and repeated
+// slashes removed, no trailing slash) without resolving links, so that a
+// name reads as the user wrote it. Whether two names are one file is asked
+// with SameFile, never by comparing such names.
+std::string Absolute(const std::string& path);
+// True when both names exist and are the same file (device and inode).
+bool SameFile(const std::string& a, const std::string& b);
 
 // A segment named "id^version".
 struct SegmentName {
@@ -45,8 +103,8 @@ struct SegmentName {
     std::string version;
     std::string Text() const { return id + "^" + version; }
 };
-// Splits "id^version"; raises Failure with message 166 when either part is
-// missing.
+// Splits "id^version"; raises UsageError with message kBadSegmentSpec when
+// either part is missing.
 SegmentName ParseSegmentName(const std::string& text);
 
 // "[source_host:]file": the local path, after refusing another host.
@@ -59,13 +117,42 @@ struct Options {
     uint32_t sizeKiB = 0;      // --size, else depot_size, else 0 (no accounting)
     bool sizeGiven = false;
     bool verbose = false;      // --verbose: the library's log lines on standard error
+    bool progress = false;     // standard error is a terminal: progress and summaries
 };
 
-// The depot directory DEPOT names, made absolute ("." is this host's
-// configured depot). Raises Failure when "." names nothing.
-std::string ResolveDepotDir(const std::string& depot);
-// depot_size from the configuration file, or 0.
+// A depot directory, absolute, and what named it when DEPOT was "." (the
+// configuration key or environment variable, for messages; else empty).
+struct DepotDir {
+    std::string path;
+    std::string origin;
+};
+// The depot directory DEPOT names ("." is this host's configured depot: the
+// configuration's depot_dir, else "depot" under ZEL_DATDIR). Raises Failure
+// when "." names nothing, or when FANOUT_CONFIG names a file that cannot be
+// read.
+DepotDir ResolveDepotDir(const std::string& depot);
+// depot_size from the configuration file, or 0 (also without FANOUT_CONFIG).
+// Raises Failure when FANOUT_CONFIG names a file that cannot be read.
 uint32_t ConfiguredDepotSize();
+
+// Progress of a long operation on standard error, drawn over one line while
+// it runs, then replaced by a one-line summary. Does nothing at all unless
+// standard error is a terminal (Options::progress).
+class Progress {
+  public:
+    // `what` leads the line ("adding seg^1"); `total` is in bytes or items.
+    Progress(bool shown, std::string what, uint64_t total, bool bytes);
+    // Redraws the line when the percentage shown changes.
+    void Advance(uint64_t done);
+    // The summary line, program name first, newline added.
+    void Finish(const std::string& program, const std::string& summary);
+
+  private:
+    bool shown_, bytes_;
+    std::string what_;
+    uint64_t total_;
+    int percent_ = -1;
+};
 
 // What the tool shows of one entry; taken from the records while the depot
 // lock is held, so that no record is used after it is released.
@@ -102,22 +189,23 @@ struct Scan {
 // lock files every user of the depot shares are the depot's own.
 class Session {
 public:
-    // Opens (creating the directory when missing) with `sizeKiB` of
-    // accounting. Raises Failure when the directory cannot be made or the
-    // depot cannot be opened.
-    Session(const std::string& directory, uint32_t sizeKiB);
-    ~Session();
-    Session(const Session&) = delete;
-    Session& operator=(const Session&) = delete;
+  // Opens with `sizeKiB` of accounting; a missing directory is made when
+  // `create` is set (only add does) and is a failure otherwise. Raises
+  // Failure when the directory is missing or cannot be made, or when the
+  // depot cannot be opened (naming the lock file when that was the cause).
+  Session(const DepotDir& directory, uint32_t sizeKiB, bool create);
+  ~Session();
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
 
-    DepotHandle* handle() const { return handle_; }
-    const std::string& directory() const { return directory_; }
+  DepotHandle* handle() const { return handle_; }
+  const std::string& directory() const { return directory_; }
 
-    // Every entry that can be used, and the count of those skipped.
-    Scan Entries();
-    // KiB of every regular data file ("*.dat") in the depot directory,
-    // whether an entry names it or not.
-    uint32_t StoredKiB();
+  // Every entry that can be used, and the count of those skipped.
+  Scan Entries();
+  // KiB of every regular data file ("*.dat") in the depot directory,
+  // whether an entry names it or not.
+  uint32_t StoredKiB();
 
 private:
     DepotHandle* handle_ = nullptr;
