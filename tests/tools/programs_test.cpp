@@ -130,7 +130,7 @@ class Proc {
 uint64_t BytesIn(const std::string& line, const char* what) {
     const size_t at = line.find(what);
     if (at == std::string::npos) return UINT64_MAX;
-    size_t start = line.rfind(' ', at - 1);
+    size_t start = line.find_last_of(" (", at - 1);
     start = start == std::string::npos ? 0 : start + 1;
     return std::stoull(line.substr(start, at - start));
 }
@@ -426,23 +426,86 @@ TEST_F(Programs, HostileSendersAreRefusedAndTheReceiverKeepsServing) {
     EXPECT_NE(stat(Path("d-out/b").c_str(), &st), 0);
 }
 
-// Source, relay, three endpoints: every endpoint ends with the same bytes.
-TEST_F(Programs, SourceRelayThreeEndpoints) {
-    std::string e[3], relay;
+// Source, relay, three endpoints, in three rounds against the same depots:
+// 1. the source pauses mid-way: the relay never has the whole distribution,
+//    yet every endpoint already has what the relay received (it forwards
+//    while it receives), and all stop paused;
+// 2. the relay is killed mid-forward: the endpoints are stopped, not done;
+// 3. a fresh relay resumes from its own checkpoint and each endpoint from
+//    its own: less than everything crosses each link, same bytes at the end.
+//    A fourth target that never answers holds up neither the source nor the
+//    other endpoints; the relay fails it once it goes away.
+TEST_F(Programs, SourceRelayThreeEndpointsForwardsWhileReceiving) {
+    constexpr uint64_t kTotal = 3 * 1024 * 1024 + 124;
+    std::string e[3], targets;
     Proc* endpoint[3];
-    for (int i = 0; i < 3; ++i)
-        endpoint[i] = &Receiver("unix:" + Path("e" + std::to_string(i) + ".sock"),
-                                "e" + std::to_string(i), &e[i]);
-    Proc& rl = Start({FANOUT_RELAY, "--listen", "unix:" + Path("relay.sock"), "--depot",
-                      Path("relay"), "--to", e[0] + "," + e[1] + "," + e[2]});
-    const std::string listening = rl.Line("listening on ");
-    relay = listening.substr(listening.find("listening on ") + 13);
-    std::string line;
-    EXPECT_EQ(Send(relay, {}, &line), 0) << line;
-    EXPECT_EQ(rl.Wait(), 0) << rl.output();
     for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(endpoint[i]->Wait(), 0);
-        ExpectSameFiles("e" + std::to_string(i) + "-out");
+        const std::string name = "e" + std::to_string(i);
+        endpoint[i] = &Receiver("unix:" + Path(name + ".sock"), name, &e[i], {"--keep-serving"});
+        targets += (i == 0 ? "" : ",") + e[i];
+    }
+    struct Round {
+        const char* name;
+        std::vector<std::string> relay_env, send_env;
+        int send, relay;
+        const char* word;
+        bool stuck;
+    };
+    const std::vector<Round> rounds = {
+        {"paused",
+         {},
+         {"FANOUT_SEND_SIGNAL_AFTER=1000000," + std::to_string(SIGUSR1)},
+         3,
+         3,
+         "D1 paused",
+         false},
+        {"relay killed",
+         {"FANOUT_RECEIVE_KILL_AFTER=700000"},
+         {},
+         1,
+         128 + SIGKILL,
+         "cancelled",
+         false},
+        {"resumed", {}, {}, 0, 1, "D1 done", true},
+    };
+    for (const Round& round : rounds) {
+        SCOPED_TRACE(round.name);
+        // A listener that never accepts: its target waits for a greeting.
+        int stuck = -1;
+        if (round.stuck) {
+            stuck = fanout_listen(("unix:" + Path("stuck.sock")).c_str(), nullptr);
+            ASSERT_GE(stuck, 0);
+        }
+        Proc& rl =
+            Start({FANOUT_RELAY, "--listen", "unix:" + Path("relay.sock"), "--depot", Path("relay"),
+                   "--to", targets + (round.stuck ? ",unix:" + Path("stuck.sock") : "")},
+                  round.relay_env);
+        const std::string listening = rl.Line("listening on ");
+        std::string line;
+        EXPECT_EQ(
+            Send(listening.substr(listening.find("listening on ") + 13), {}, &line, round.send_env),
+            round.send)
+            << line;
+        std::string got[3];
+        for (int i = 0; i < 3; ++i) got[i] = endpoint[i]->Line("fanout-receive: ");
+        if (stuck >= 0) close(stuck);
+        EXPECT_EQ(rl.Wait(), round.relay) << rl.output();
+        const uint64_t relayed = BytesIn(rl.output(), " bytes received");
+        if (round.send == 0) {
+            EXPECT_LT(BytesIn(line, " bytes sent"), kTotal - 1000000) << line;
+        }
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_NE(got[i].find(round.word), std::string::npos) << got[i];
+            if (round.send == 3) {
+                // Everything the relay holds, though it holds only a part.
+                EXPECT_GT(relayed, 1000000u);
+                EXPECT_LT(relayed, kTotal);
+                EXPECT_EQ(BytesIn(got[i], " bytes received"), relayed) << got[i];
+            } else if (round.send == 0) {
+                EXPECT_LT(BytesIn(got[i], " bytes received"), kTotal) << got[i];
+                ExpectSameFiles("e" + std::to_string(i) + "-out");
+            }
+        }
     }
 }
 

@@ -8,7 +8,7 @@ find_package(Threads REQUIRED)
 add_library(fanout_dist_common OBJECT
             ${CMAKE_CURRENT_LIST_DIR}/wire.cpp ${CMAKE_CURRENT_LIST_DIR}/sender.cpp
             ${CMAKE_CURRENT_LIST_DIR}/receiver.cpp ${CMAKE_CURRENT_LIST_DIR}/serve.cpp
-            ${CMAKE_CURRENT_LIST_DIR}/support.cpp)
+            ${CMAKE_CURRENT_LIST_DIR}/support.cpp ${CMAKE_CURRENT_LIST_DIR}/relay.cpp)
 target_include_directories(fanout_dist_common PUBLIC ${CMAKE_CURRENT_LIST_DIR})
 target_link_libraries(fanout_dist_common PUBLIC fanout OpenSSL::Crypto Threads::Threads)
 target_compile_options(fanout_dist_common PRIVATE ${FANOUT_WARNINGS})

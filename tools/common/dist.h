@@ -146,13 +146,51 @@ struct SendResult {
     std::string message;    // failure text
 };
 
+// A distribution whose data files are still being written: what a relay
+// forwards while it receives. The sender reads a segment only below what
+// Available says and waits for more; it never looks past that.
+class Feed {
+  public:
+    static constexpr int kRunning = -1;
+    virtual ~Feed() = default;
+    // The bytes of segment `index` that may be read now, from the start of
+    // its data file; the whole size only once its entry is complete.
+    virtual int64_t Available(size_t index) = 0;
+    // kRunning while more data may come, else the distribution's final
+    // status (kDone, kPaused, kCancelled, kFailed) with the failure text.
+    virtual int Outcome(std::string* why) = 0;
+    // Blocks until Available or Outcome may have changed (spurious returns
+    // are allowed: the caller looks again).
+    virtual void Wait() = 0;
+    // The data file of segment `index`, once it has bytes; raises Failure.
+    virtual std::string Path(size_t index) = 0;
+};
+
 // Sends `d` (segments with size and path) to opts.target: connects,
 // authenticates, sends the message, learns the receiver's offsets and sends
 // what is missing. SIGINT and SIGUSR1 (InstallStopSignals) cancel and pause.
-// Never raises.
-SendResult SendTo(const SendOptions& opts, const Distribution& d);
+// With a feed the segments' bytes are read from its growing files instead
+// of `path`, and the feed's outcome ends the data: a pause once everything
+// available is sent, a cancel or a failure at once. Never raises.
+SendResult SendTo(const SendOptions& opts, const Distribution& d, Feed* feed = nullptr);
 
 // ---------------------------------------------------------------- receiving
+
+// Told what a receiver holds while it receives (a relay forwards from it).
+// Called on the receiving thread; must not raise.
+class ReceiveObserver {
+  public:
+    virtual ~ReceiveObserver() = default;
+    // The distribution is accepted: each segment's offset is what the depot
+    // already holds (its size when complete). `upstream_fd` is the
+    // connection to the sender, which a forked process must not keep open.
+    virtual void Accepted(const Distribution& d, int upstream_fd) = 0;
+    // Segment `index` has `bytes` in its data file; `complete` once its
+    // entry is complete in the depot.
+    virtual void Stored(size_t index, int64_t bytes, bool complete) = 0;
+    // The distribution has ended (after Accepted): its status and why.
+    virtual void Ended(int status, const std::string& message) = 0;
+};
 
 struct ReceiveOptions {
     std::string depot;      // absolute depot directory (the current directory)
@@ -161,7 +199,8 @@ struct ReceiveOptions {
     std::string out;        // copy finished segments here when not empty
     std::string token;      // empty: no authentication
     int32_t deadline_days = 30;
-    uint64_t kill_after = 0;  // test knob: SIGKILL itself after this many bytes
+    uint64_t kill_after = 0;              // test knob: SIGKILL itself after this many bytes
+    ReceiveObserver* observer = nullptr;  // not owned; null: nobody
 };
 
 struct ReceiveResult {
@@ -170,6 +209,46 @@ struct ReceiveResult {
     uint64_t bytes = 0;   // bytes read from the network
     bool local = false;   // everything was already in the depot
     std::string message;  // failure text
+};
+
+// A relay's forwarding, while it receives: when a distribution is accepted
+// it forks one process per target, each a sender (SendTo with a Feed) of
+// what the relay's depot holds so far. The receiving side publishes each
+// segment's written bytes and the final outcome in memory shared with them
+// and wakes them through one pipe each; it never waits for them until
+// Finish. relay.cpp has the details.
+class RelayForwarder : public ReceiveObserver {
+  public:
+    // `listen_fd` is closed in the forwarding processes.
+    RelayForwarder(const std::string& depot, std::vector<std::string> targets, std::string token,
+                   int listen_fd);
+    ~RelayForwarder() override;
+    RelayForwarder(const RelayForwarder&) = delete;
+    RelayForwarder& operator=(const RelayForwarder&) = delete;
+
+    void Accepted(const Distribution& d, int upstream_fd) override;
+    void Stored(size_t index, int64_t bytes, bool complete) override;
+    void Ended(int status, const std::string& message) override;
+    // Waits for every forwarding process; the worst of their statuses
+    // (kDone when nothing was accepted).
+    int Finish();
+
+  private:
+    struct Shared;
+    void Ring();
+    void CloseBells();
+    void RunChild(const std::string& target, const Distribution& d, int bell);
+
+    std::string depot_, token_;
+    std::vector<std::string> targets_;
+    int listen_fd_;
+    Shared* shared_ = nullptr;
+    size_t map_size_ = 0;
+    std::vector<int64_t> sizes_;
+    std::vector<int> bells_;  // write ends, one per forwarding process
+    std::vector<int> pids_;
+    int64_t rung_ = 0;  // the count the doorbells last rang for
+    int worst_ = kDone;
 };
 
 // Receives one distribution from the connection `ch` (adopted: closed when

@@ -291,6 +291,7 @@ class Receive {
             len -= k;
             p.written += k;
             p.since_checkpoint += k;
+            if (opts_.observer != nullptr) opts_.observer->Stored(p.index, p.written, false);
             if (p.written == s.size) {
                 Complete(p, s);
                 ++current_;
@@ -350,6 +351,7 @@ class Receive {
         if (DepotCompleteEntry(depot_, e, Deadline()).palError != PAL_OK)
             throw Failure("cannot complete segment " + Key(s));
         r_.dist.segments[p.index].offset = s.size;
+        if (opts_.observer != nullptr) opts_.observer->Stored(p.index, s.size, true);
     }
 
     // Leaves every entry in progress resumable and gives back the space not
@@ -455,6 +457,7 @@ void LocateInDepot(const std::string& dir, Distribution* d, bool take_sizes) {
 ReceiveResult ReceiveFrom(FanoutChannel* ch, const ReceiveOptions& opts) {
     ReceiveResult r;
     bool attached = false;
+    bool observed = false;
     try {
         Receive receive(opts, &r);
         try {
@@ -466,6 +469,12 @@ ReceiveResult ReceiveFrom(FanoutChannel* ch, const ReceiveOptions& opts) {
         } catch (const Failure& f) {
             SendRefusal(ch, f.what());
             throw;
+        }
+        if (opts.observer != nullptr) {
+            // Before the connection becomes the process's channel: a relay
+            // forks its forwarding processes here.
+            opts.observer->Accepted(r.dist, fanout_channel_fd(ch));
+            observed = true;
         }
         fanout_ipc_set(ch);  // the stream's channel from now on
         attached = true;
@@ -495,6 +504,8 @@ ReceiveResult ReceiveFrom(FanoutChannel* ch, const ReceiveOptions& opts) {
     } else {
         fanout_channel_close(ch);
     }
+    // Every entry is complete or left resumable by now.
+    if (observed) opts.observer->Ended(r.status, r.message);
     if (r.status == kDone && !opts.out.empty()) {
         try {
             LocateInDepot(opts.depot, &r.dist);

@@ -8,15 +8,25 @@
 // on to the receiver as a status-1 block. A stop signal turns the next answer
 // into -2 (cancel) or -3 (pause), which ends net_stream_send_file with that
 // status, and the receiver gets a status-2 or status-3 block instead.
+//
+// A relay's forwarding process has no finished files to hand to the stream:
+// its segments are data files still being written (a Feed). It reads them
+// itself, only below what the feed says is there, and sends each piece as a
+// status-1 block, waiting on the feed when it has caught up.
+#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <thread>
+#include <tuple>
+#include <utility>
 
 #include "dist.h"
 #include "fanout/exception.h"
@@ -62,6 +72,17 @@ void ApplyOffsets(const uint8_t* octets, uint32_t len, Distribution* d) {
     }
 }
 
+// FANOUT_SEND_SIGNAL_AFTER=BYTES,SIGNAL: a test knob that raises the signal
+// in this process once BYTES have been forwarded. 0 BYTES: no knob.
+std::pair<uint64_t, int> SignalKnob() {
+    const char* knob = std::getenv("FANOUT_SEND_SIGNAL_AFTER");
+    if (knob == nullptr) return {0, 0};
+    char* end = nullptr;
+    const uint64_t after = std::strtoull(knob, &end, 10);
+    const int number = *end == ',' ? std::atoi(end + 1) : 0;
+    return number > 0 ? std::make_pair(after, number) : std::make_pair(uint64_t{0}, 0);
+}
+
 // The peer of the sending stream, on its own thread.
 class Forwarder {
   public:
@@ -72,14 +93,7 @@ class Forwarder {
           runs_(std::move(runs)),
           block_size_(block_size),
           bar_("sending", total) {
-        // FANOUT_SEND_SIGNAL_AFTER=BYTES,SIGNAL: a test knob that raises the
-        // signal in this process once BYTES have been forwarded.
-        if (const char* knob = std::getenv("FANOUT_SEND_SIGNAL_AFTER")) {
-            char* end = nullptr;
-            signal_after_ = std::strtoull(knob, &end, 10);
-            signal_number_ = *end == ',' ? std::atoi(end + 1) : 0;
-            if (signal_number_ <= 0) signal_after_ = 0;
-        }
+        std::tie(signal_after_, signal_number_) = SignalKnob();
     }
 
     void Run() {
@@ -189,6 +203,85 @@ class Forwarder {
     int signal_number_ = 0;
 };
 
+// Sends the missing segments of `d` from the growing files of `feed`
+// straight to the receiver; fills r. Every read is below what the feed
+// says its file holds, so no byte is ever guessed.
+void SendFed(FanoutChannel* net, const Distribution& d, Feed* feed, const SendOptions& opts,
+             SendResult* r) {
+    auto [signal_after, signal_number] = SignalKnob();
+    const size_t piece = static_cast<size_t>(opts.block_size);
+    std::unique_ptr<uint8_t[]> buffer(new uint8_t[piece]);
+    std::string why;
+    // Ends the data early with a status-3 (pause) or status-2 block: a pause
+    // comes once everything the relay holds is sent; a cancel or a failure
+    // upstream stops at once.
+    auto stop = [&](int status, const std::string& message) {
+        fanout_peer_send_block(net, status == kPaused ? FANOUT_STATUS_PAUSE : FANOUT_STATUS_CANCEL,
+                               nullptr, 0);
+        r->status = status;
+        if (status == kFailed) r->message = message;
+    };
+    auto upstream = [&](int outcome) { stop(outcome, "the relay's upstream failed: " + why); };
+    for (size_t i = 0; i < d.segments.size(); ++i) {
+        const SegmentInfo& s = d.segments[i];
+        if (s.offset >= s.size) continue;
+        ++r->segments;
+        struct Fd {
+            int fd = -1;
+            ~Fd() {
+                if (fd >= 0) close(fd);
+            }
+        } file;
+        int64_t at = s.offset;
+        while (at < s.size) {
+            if (const int signalled = StopRequested(); signalled != 0) return stop(signalled, "");
+            const int outcome = feed->Outcome(&why);
+            if (outcome == kCancelled || outcome == kFailed) return upstream(outcome);
+            const int64_t available = std::min(feed->Available(i), s.size);
+            if (available <= at) {
+                if (outcome == Feed::kRunning) {
+                    feed->Wait();
+                    continue;
+                }
+                // Nothing more will come: a pause, or a "done" that left this
+                // segment short, which cannot be trusted.
+                if (outcome == kPaused) return stop(kPaused, "");
+                return stop(kFailed, "segment " + s.id + " ended short in the relay's depot");
+            }
+            if (file.fd < 0) {
+                const std::string path = feed->Path(i);
+                file.fd = open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+                if (file.fd < 0) throw Failure("cannot read " + path + ": " + std::strerror(errno));
+            }
+            const size_t want = static_cast<size_t>(std::min<int64_t>(available - at, piece));
+            const ssize_t n = pread(file.fd, buffer.get(), want, at);
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) {
+                // Below the written size there are bytes; none means the
+                // file was cut behind the relay's back.
+                return stop(kFailed, "segment " + s.id + " shrank in the relay's depot");
+            }
+            fanout_peer_send_block(net, FANOUT_STATUS_DATA, buffer.get(), static_cast<uint32_t>(n));
+            at += n;
+            r->bytes += static_cast<uint64_t>(n);
+            if (signal_after != 0 && r->bytes >= signal_after) {
+                signal_after = 0;
+                raise(signal_number);
+            }
+        }
+    }
+    // The end only once the relay has all of it: a downstream never
+    // finishes a distribution that failed upstream.
+    for (;;) {
+        const int outcome = feed->Outcome(&why);
+        if (outcome == kDone) break;
+        if (outcome == kPaused) return stop(kPaused, "");
+        if (outcome != Feed::kRunning) return upstream(outcome);
+        feed->Wait();
+    }
+    fanout_peer_send_end(net);
+}
+
 // Sends the segments that `d` says are missing; fills r.
 void SendData(FanoutChannel* net, const Distribution& d, const SendOptions& opts, SendResult* r) {
     std::vector<const SegmentInfo*> runs;
@@ -257,7 +350,7 @@ void SendData(FanoutChannel* net, const Distribution& d, const SendOptions& opts
 
 }  // namespace
 
-SendResult SendTo(const SendOptions& opts, const Distribution& dist) {
+SendResult SendTo(const SendOptions& opts, const Distribution& dist, Feed* feed) {
     SendResult r;
     Distribution d = dist;
     FanoutChannel* net = nullptr;
@@ -276,7 +369,11 @@ SendResult SendTo(const SendOptions& opts, const Distribution& dist) {
             throw Failure("the receiver answered with message type " + std::to_string(h.type));
         ApplyOffsets(answer.get(), h.length, &d);
         answer.reset();
-        SendData(net, d, opts, &r);
+        if (feed != nullptr) {
+            SendFed(net, d, feed, opts, &r);
+        } else {
+            SendData(net, d, opts, &r);
+        }
         if (r.status == kDone) {
             // The receiver answers the end of data with its own once every
             // segment is complete in its depot, or says why not.

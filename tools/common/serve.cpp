@@ -1,14 +1,14 @@
 // serve.cpp - the listening programs, fanout-receive and fanout-relay: their
 // command line, the start-up checks, and the loop that accepts one
-// distribution after another. A relay forwards each distribution it has
-// received completely to every downstream target, one child process per
+// distribution after another. A relay forwards each distribution to every
+// downstream target while it receives it (relay.cpp), one child process per
 // target, each resuming from that target's own offsets.
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "dist.h"
 #include "fanout/exception.h"
@@ -44,10 +44,11 @@ ServeOptions Parse(int argc, char** argv, bool relay) {
             if (i + 1 >= argc) throw UsageError(a + " needs a value");
             return argv[++i];
         };
-        auto number = [&](long lo, long hi) {
+        // long long: a long is 32 bits wide on i386 and cannot hold UINT32_MAX.
+        auto number = [&](long long lo, long long hi) {
             const std::string v = value();
             char* end = nullptr;
-            const long n = std::strtol(v.c_str(), &end, 10);
+            const long long n = std::strtoll(v.c_str(), &end, 10);
             if (v.empty() || *end != '\0' || n < lo || n > hi)
                 throw UsageError(a + ": " + v + " is not a number from " + std::to_string(lo) +
                                  " to " + std::to_string(hi));
@@ -108,41 +109,6 @@ void PointSearchAtDepot(const std::string& depot) {
     setenv("FANOUT_CONFIG", cfg.c_str(), 1);
 }
 
-// Forwards a received distribution to every target; returns the worst
-// status.
-int Forward(const ServeOptions& o, Distribution d) {
-    LocateInDepot(o.recv.depot, &d);
-    std::vector<pid_t> children;
-    for (const std::string& target : o.to) {
-        std::fflush(nullptr);
-        const pid_t pid = fork();
-        if (pid < 0) throw Failure(std::string("fork: ") + std::strerror(errno));
-        if (pid == 0) {
-            InstallStopSignals();  // SIGINT cancels, SIGUSR1 pauses the forwarding
-            SendOptions so;
-            so.target = target;
-            so.token = o.recv.token;
-            so.quiet = true;
-            const SendResult r = SendTo(so, d);
-            Report("fanout-relay", d.id, r.status,
-                   "to " + target + ": " + std::to_string(r.bytes) + " bytes sent" +
-                       (r.message.empty() ? "" : ": " + r.message));
-            std::fflush(nullptr);
-            _exit(r.status);
-        }
-        children.push_back(pid);
-    }
-    int worst = kDone;
-    for (pid_t pid : children) {
-        int st = 0;
-        while (waitpid(pid, &st, 0) < 0 && errno == EINTR) {
-        }
-        const int status = WIFEXITED(st) ? WEXITSTATUS(st) : kFailed;
-        if (status != kDone && (worst == kDone || status == kFailed)) worst = status;
-    }
-    return worst;
-}
-
 }  // namespace
 
 int Serve(const char* program, int argc, char** argv, bool relay) {
@@ -163,19 +129,20 @@ int Serve(const char* program, int argc, char** argv, bool relay) {
         int status = kDone;
         do {
             FanoutChannel* ch = fanout_channel_accept(lfd, 0);
+            std::unique_ptr<RelayForwarder> forwarder;
+            if (relay)
+                forwarder = std::make_unique<RelayForwarder>(o.recv.depot, o.to, o.recv.token, lfd);
+            o.recv.observer = forwarder.get();
             ReceiveResult r = ReceiveFrom(ch, o.recv);
             std::string text = std::to_string(r.bytes) + " bytes received" +
                                (r.local ? ", all segments already in the depot" : "");
             if (!r.message.empty()) text = r.message + " (" + text + ")";
             Report(program, r.dist.id, r.status, text);
             status = r.status;
-            if (relay && r.status == kDone) {
-                try {
-                    status = Forward(o, r.dist);
-                } catch (const Failure& f) {
-                    Report(program, r.dist.id, kFailed, f.what());
-                    status = kFailed;
-                }
+            if (forwarder != nullptr) {
+                // The worst of the receive and of every target.
+                const int sent = forwarder->Finish();
+                if (sent != kDone && (status == kDone || sent == kFailed)) status = sent;
             }
         } while (o.keep_serving);
         close(lfd);

@@ -1,6 +1,7 @@
 // fanout-relay: a repeater. Receives a distribution into its own depot like
-// fanout-receive, then forwards it to every downstream target, each resuming
-// from its own offsets. docs/fanout-relay.1 is the manual.
+// fanout-receive and, while it receives, forwards it to every downstream
+// target, each resuming from its own offsets. docs/fanout-relay.1 is the
+// manual.
 #include "dist.h"
 
 int main(int argc, char** argv) {
