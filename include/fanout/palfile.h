@@ -33,7 +33,7 @@ FANOUT_BEGIN_DECLS
 /* ------------------------------------------------------------------------ */
 /* Open flags (oflag of PalFileOpen). Write-only and read-write together give
  * the host's invalid access value 3, which the open then refuses; neither
- * gives read-only. Other bits (such as 0x8000) are ignored. */
+ * gives read-only. Other bits are ignored. */
 #define PAL_OPEN_RDONLY 0x001    /* read only */
 #define PAL_OPEN_WRONLY 0x002    /* write only */
 #define PAL_OPEN_RDWR 0x004      /* read and write */
@@ -45,6 +45,9 @@ FANOUT_BEGIN_DECLS
 #define PAL_OPEN_REGULAR 0x1000  /* only a regular file: opened without blocking, then
                                   * checked; anything else fails (-4, EINVAL, 4) */
 #define PAL_OPEN_CLOEXEC 0x2000  /* not inherited by programs started with exec */
+#define PAL_OPEN_BINARY                                           \
+    0x8000 /* binary data: no effect here (every open is binary); \
+            * the store's data-file opens carry it */
 
 /* Permission bits (PalFileInfo.mode, PalFileSetPermissions,
  * PalFileGetPermissions), host octal value alongside. 0x008 and 0x080 are

@@ -18,9 +18,10 @@ namespace {
 // Never through a link and never anything but a regular file, so that no
 // open escapes the depot or blocks on a FIFO; not inherited across exec.
 constexpr PalInt32 kSafe = PAL_OPEN_NOFOLLOW | PAL_OPEN_REGULAR | PAL_OPEN_CLOEXEC;
-constexpr PalInt32 kDataRead = 0x8001 | kSafe;           // read only
-constexpr PalInt32 kDataWrite = 0x8004 | kSafe;          // read-write, no create, no truncate
-constexpr PalInt32 kDataWriteTruncate = 0x8204 | kSafe;  // read-write, truncate
+constexpr PalInt32 kDataRead = PAL_OPEN_BINARY | PAL_OPEN_RDONLY | kSafe;
+// Read-write, never creating: the data file exists from the addition on.
+constexpr PalInt32 kDataWrite = PAL_OPEN_BINARY | PAL_OPEN_RDWR | kSafe;
+constexpr PalInt32 kDataWriteTruncate = kDataWrite | PAL_OPEN_TRUNCATE;
 
 // A record whose location is not its own data file inside the depot is
 // damaged: its location is refused like a file that cannot be opened.
@@ -33,6 +34,43 @@ PalInt32 Now() noexcept {
     return static_cast<PalInt32>(std::time(nullptr));
 }
 
+// The two opens of a data file for `trace`'s operation: under the entry lock
+// the file is opened with `flags`, the open counted in the record and the
+// record written back (a failed write is only logged). `writeTime` is the
+// time of an open for writing (it stamps lastWriteTime too); null for a read,
+// whose time is taken once the lock is held.
+PalError OpenData(const DepotTrace& trace, DepotHandle* handle, DepotEntry* entry,
+                  PalFileHandle* file, PalInt32 flags, const PalInt32* writeTime) noexcept {
+    file->handle = nullptr;
+    DepotLock lock(&handle->entryLock, trace.op());
+    PalError err = trace.Take(lock);
+    if (err.palError != PAL_OK) return err;
+    PalFileHandle opened{};
+    err = CheckLocation(handle, entry);
+    if (err.palError == PAL_OK) err = PalFileOpen(&opened, entry->location, flags);
+    if (err.palError != PAL_OK) {
+        CloseQuietly(&opened);  // the layer hands back a cell even for a failed open
+        lock.Release();
+        Logger(0, "%s exit.  Error %d opening segment data file\n", trace.op(), err.palError);
+        return err;
+    }
+    entry->openCount += 1;
+    if (writeTime != nullptr) {
+        entry->writeCount += 1;
+        entry->lastAccessTime = *writeTime;
+        entry->lastWriteTime = *writeTime;
+    } else {
+        entry->lastAccessTime = Now();
+    }
+    PalError saved = SyncSharedCounters(entry);
+    if (saved.palError == PAL_OK) saved = DepotSaveEntry_internal(handle, entry);
+    if (saved.palError != PAL_OK)
+        Logger(1, "%s error %d updating segment attributes\n", trace.op(), saved.palError);
+    lock.Release();
+    *file = opened;
+    return trace.Exit(Ok());
+}
+
 }  // namespace
 
 extern "C" {
@@ -40,98 +78,33 @@ extern "C" {
 PalError DepotFileOpenForWrite(DepotHandle* handle, DepotEntry* entry, PalFileHandle* file,
                                PalBool truncate) noexcept {
     PalInt32 now = Now();  // read first: it becomes both times
-    Logger(3, "DepotFileOpenForWrite entry\n");
+    DepotTrace trace("DepotFileOpenForWrite");
     if (handle == nullptr || entry == nullptr || file == nullptr)
         return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
-    file->handle = nullptr;
-    DepotLock lock(&handle->entryLock, "DepotFileOpenForWrite error %d releasing lock\n");
-    PalError err = lock.Acquire();
-    if (err.palError != PAL_OK) {
-        Logger(0, "DepotFileOpenForWrite exit.  Error %d(%d) obtaining lock\n", err.palError,
-               err.nativeError);
-        return err;
-    }
-    PalFileHandle opened{};
-    err = CheckLocation(handle, entry);
-    if (err.palError == PAL_OK)
-        err = PalFileOpen(&opened, entry->location, truncate ? kDataWriteTruncate : kDataWrite);
-    if (err.palError != PAL_OK) {
-        CloseQuietly(&opened);  // the layer hands back a cell even for a failed open
-        lock.Release();
-        Logger(0, "DepotFileOpenForWrite exit.  Error %d opening segment data file\n",
-               err.palError);
-        return err;
-    }
-    entry->openCount += 1;
-    entry->writeCount += 1;
-    entry->lastAccessTime = now;
-    entry->lastWriteTime = now;
-    PalError saved = SyncSharedCounters(entry);
-    if (saved.palError == PAL_OK) saved = DepotSaveEntry_internal(handle, entry);
-    if (saved.palError != PAL_OK)
-        Logger(1, "DepotFileOpenForWrite error %d updating segment attributes\n", saved.palError);
-    lock.Release();
-    *file = opened;
-    Logger(3, "DepotFileOpenForWrite exit\n");
-    return Ok();
+    return OpenData(trace, handle, entry, file, truncate ? kDataWriteTruncate : kDataWrite, &now);
 }
 
 PalError DepotFileOpenForRead(DepotHandle* handle, DepotEntry* entry,
                               PalFileHandle* file) noexcept {
-    Logger(3, "DepotFileOpenForRead entry\n");
+    DepotTrace trace("DepotFileOpenForRead");
     if (handle == nullptr || entry == nullptr || file == nullptr)
         return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
-    file->handle = nullptr;
-    DepotLock lock(&handle->entryLock, "DepotFileOpenForRead error %d releasing lock\n");
-    PalError err = lock.Acquire();
-    if (err.palError != PAL_OK) {
-        Logger(0, "DepotFileOpenForRead exit.  Error %d(%d) obtaining lock\n", err.palError,
-               err.nativeError);
-        return err;
-    }
-    PalFileHandle opened{};
-    err = CheckLocation(handle, entry);
-    if (err.palError == PAL_OK) err = PalFileOpen(&opened, entry->location, kDataRead);
-    if (err.palError != PAL_OK) {
-        CloseQuietly(&opened);
-        lock.Release();
-        Logger(0, "DepotFileOpenForRead exit.  Error %d opening segment data file\n", err.palError);
-        return err;
-    }
-    entry->openCount += 1;
-    entry->lastAccessTime = Now();
-    PalError saved = SyncSharedCounters(entry);
-    if (saved.palError == PAL_OK) saved = DepotSaveEntry_internal(handle, entry);
-    if (saved.palError != PAL_OK)
-        Logger(1, "DepotFileOpenForRead error %d updating segment attributes\n", saved.palError);
-    lock.Release();
-    *file = opened;
-    Logger(3, "DepotFileOpenForRead exit\n");
-    return Ok();
+    return OpenData(trace, handle, entry, file, kDataRead, nullptr);
 }
 
 PalBool DepotEntryModified(DepotHandle* handle, const PalChar* id, const PalChar* version,
                            PalInt32 stamp) noexcept {
-    Logger(3, "DepotEntryModified entry\n");
+    DepotTrace trace("DepotEntryModified");
     DepotEntry* entry = DepotGetEntry(handle, id, version);
-    if (entry == nullptr) {
-        Logger(3, "DepotEntryModified exit\n");
-        return PAL_FALSE;
-    }
-    DepotLock lock(&handle->entryLock, "DepotEntryModified error %d releasing lock\n");
-    PalError err = lock.Acquire();
-    if (err.palError != PAL_OK) {
-        Logger(0, "DepotEntryModified exit.  Error %d(%d) obtaining lock\n", err.palError,
-               err.nativeError);
-        return PAL_FALSE;
-    }
+    if (entry == nullptr) return trace.Exit(PAL_FALSE);
+    DepotLock lock(&handle->entryLock, trace.op());
+    if (trace.Take(lock).palError != PAL_OK) return PAL_FALSE;
     if (entry->lastWriteTime != stamp) {
         if (handle->strictLocks) {
             // Strict mode: no unit of DepotNew would let this process take
             // the lock again, so it is given back here.
             lock.Release();
-            Logger(3, "DepotEntryModified exit\n");
-            return PAL_TRUE;
+            return trace.Exit(PAL_TRUE);
         }
         // Answered with the entry lock still held and no exit trace: the
         // system gives the lock back when this process ends. This is the
@@ -140,27 +113,18 @@ PalBool DepotEntryModified(DepotHandle* handle, const PalChar* id, const PalChar
         return PAL_TRUE;
     }
     lock.Release();
-    Logger(3, "DepotEntryModified exit\n");
-    return PAL_FALSE;
+    return trace.Exit(PAL_FALSE);
 }
 
 PalError DepotSetCheckpointOffset(DepotHandle* handle, const PalChar* id, const PalChar* version,
                                   PalInt32 stamp, PalUint64* offset) noexcept {
-    Logger(3, "DepotSetCheckpointOffset entry\n");
+    DepotTrace trace("DepotSetCheckpointOffset");
     DepotEntry* entry = DepotGetEntry(handle, id, version);
-    if (entry == nullptr) {
-        Logger(3, "DepotSetCheckpointOffset exit\n");
-        return PalErrorCreate(PAL_ERR_NO_ENTRY, 0, 0);
-    }
+    if (entry == nullptr) return trace.Exit(PalErrorCreate(PAL_ERR_NO_ENTRY, 0, 0));
     PalInt32 lastWrite = 0;
     {
-        DepotLock lock(&handle->entryLock, "DepotSetCheckpointOffset error %d releasing lock\n");
-        PalError err = lock.Acquire();
-        if (err.palError != PAL_OK) {
-            Logger(0, "DepotSetCheckpointOffset exit.  Error %d(%d) obtaining lock\n", err.palError,
-                   err.nativeError);
-            return err;
-        }
+        DepotLock lock(&handle->entryLock, trace.op());
+        if (PalError err = trace.Take(lock); err.palError != PAL_OK) return err;
         lastWrite = entry->lastWriteTime;
     }
     PalError result = Ok();
@@ -170,8 +134,7 @@ PalError DepotSetCheckpointOffset(DepotHandle* handle, const PalChar* id, const 
         result = DepotEntryGetFileSize(handle, entry, &size);
         if (result.palError == PAL_OK && offset != nullptr) *offset = size;
     }
-    Logger(3, "DepotSetCheckpointOffset exit\n");
-    return result;
+    return trace.Exit(result);
 }
 
 }  // extern "C"

@@ -118,7 +118,7 @@ namespace {
 // Create if absent, read-write, keep contents; never through a link, never
 // anything but a regular file.
 constexpr PalInt32 kCreateReadWrite =
-    0x104 | PAL_OPEN_NOFOLLOW | PAL_OPEN_REGULAR | PAL_OPEN_CLOEXEC;
+    PAL_OPEN_CREATE | PAL_OPEN_RDWR | PAL_OPEN_NOFOLLOW | PAL_OPEN_REGULAR | PAL_OPEN_CLOEXEC;
 
 // The mode a program chose for the case where neither the environment nor the
 // configuration file says.
@@ -171,6 +171,34 @@ void SemClose(PalSemHandle* sem) noexcept {
     sem->handle = nullptr;
 }
 
+// Creates the lock file `file` and the semaphore keyed on it for DepotNew;
+// `which` ("depot", "entry") names it in the trace. A failed creation of the
+// semaphore itself (PAL_WAIT_TIMEOUT) is tolerated: it is logged and
+// returned, and the handle goes on without that semaphore. Any other failure
+// is logged as DepotNew's exit.
+PalError CreateLock(PalSemHandle* sem, const PalChar* file, const char* which) noexcept {
+    PalError err = TouchLockFile(file);
+    if (err.palError != PAL_OK) {
+        Logger(0, "DepotNew exit.  Error %d creating semaphore path\n", err.palError);
+        return err;
+    }
+    err = PalInitSem(sem, file);
+    if (err.palError == PAL_WAIT_TIMEOUT) {
+        Logger(1, "DepotNew %s continue. Ignore WAIT_TIMEOUT\n", which);
+    } else if (err.palError != PAL_OK) {
+        Logger(0, "DepotNew PalInitSem failed\n");
+        Logger(0, "DepotNew exit.  Error %d(%d) creating %s synchronization object\n", err.palError,
+               err.nativeError, which);
+    }
+    return err;
+}
+
+PalError LogTakeFailure(PalError err, const char* op) noexcept {
+    if (err.palError != PAL_OK)
+        Logger(0, "%s exit.  Error %d(%d) obtaining lock\n", op, err.palError, err.nativeError);
+    return err;
+}
+
 // Why the thread's last constructor or lookup failed. Constant-initialised
 // and trivially destroyed, so the record costs no set-up per thread and a
 // store is a plain write.
@@ -212,8 +240,18 @@ void DepotLock::Release() noexcept {
     if (!held_) return;
     held_ = false;
     PalError err = PalPostSem(sem_);
-    if (err.palError != PAL_OK && releaseFormat_ != nullptr)
-        Logger(1, releaseFormat_, err.palError);
+    if (err.palError != PAL_OK) Logger(1, "%s error %d releasing %s\n", op_, err.palError, what_);
+}
+
+PalError TakeLock(DepotLock& lock, const char* op) noexcept {
+    return LogTakeFailure(lock.Acquire(), op);
+}
+
+PalError TakeLockOrContinue(DepotLock& lock, const char* op, const char* tolerated) noexcept {
+    PalError err = lock.Acquire();
+    if (err.palError != PAL_WAIT_TIMEOUT) return LogTakeFailure(err, op);
+    Logger(1, "%s", tolerated);
+    return Ok();
 }
 
 }  // namespace fanout
@@ -244,48 +282,33 @@ void DepotSetStrictLocksDefault(PalBool strict) noexcept {
 }
 
 PalError DepotSetDir_internal(DepotHandle* handle, const PalChar* directory) noexcept {
-    Logger(3, "DepotSetDir entry\n");
+    DepotTrace trace("DepotSetDir");
     if (handle == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
     PalChar* copy = PalStringDup(directory != nullptr ? directory : "depot");
-    if (copy == nullptr) {
-        Logger(3, "DepotSetDir exit\n");
-        return PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 1);
-    }
+    if (copy == nullptr) return trace.Exit(PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 1));
     // The previous directory string is freed: DepotGetDir's pointer is only
     // good until the directory changes.
     PalMemoryFree(handle->directory);
     handle->directory = copy;
     PalError result = Ok();
     if (!PalDirIsDirectory(copy)) result = PalDirCreateDirectory(copy);
-    Logger(3, "DepotSetDir exit\n");
-    return result;
+    return trace.Exit(result);
 }
 
 PalError DepotSetDir(DepotHandle* handle, const PalChar* directory) noexcept {
-    Logger(3, "DepotSetDir entry\n");
+    DepotTrace trace("DepotSetDir");
     if (handle == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
-    DepotLock lock(&handle->depotLock, "DepotSetDir error %d releasing lock\n");
-    PalError err = lock.Acquire();
-    if (err.palError != PAL_OK) {
-        Logger(0, "DepotSetDir exit.  Error %d(%d) obtaining lock\n", err.palError,
-               err.nativeError);
-        return err;
-    }
-    PalError result = DepotSetDir_internal(handle, directory);
-    lock.Release();
-    Logger(3, "DepotSetDir exit\n");
-    return result;
+    return RunLocked(trace, &handle->depotLock,
+                     [&]() noexcept { return DepotSetDir_internal(handle, directory); });
 }
 
 const PalChar* DepotGetDir(DepotHandle* handle) noexcept {
-    Logger(3, "DepotGetDir entry\n");
-    const PalChar* dir = handle != nullptr ? handle->directory : nullptr;
-    Logger(3, "DepotGetDir exit\n");
-    return dir;
+    DepotTrace trace("DepotGetDir");
+    return trace.Exit(handle != nullptr ? handle->directory : nullptr);
 }
 
 PalError DepotNew(DepotHandle** out, const PalChar* directory, PalUint32 storageLimit) noexcept {
-    Logger(3, "DepotNew entry\n");
+    DepotTrace trace("DepotNew");
     // Every way out leaves its result, and the lock file it concerns, as the
     // thread's last failure too (DepotGetLastError).
     auto leave = [](PalError result, const PalChar* file) noexcept {
@@ -299,44 +322,21 @@ PalError DepotNew(DepotHandle** out, const PalChar* directory, PalUint32 storage
         Logger(0, "DepotNew exit.  Error allocating depot handle\n");
         return leave(PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 0), nullptr);
     }
-
-    PalError err = TouchLockFile("depot.lk");
-    if (err.palError != PAL_OK) {
-        PalMemoryFree(handle);
-        Logger(0, "DepotNew exit.  Error %d creating semaphore path\n", err.palError);
-        return leave(err, "depot.lk");
-    }
-    err = PalInitSem(&handle->depotLock, "depot.lk");
-    if (err.palError != PAL_OK) {
-        if (err.palError != PAL_WAIT_TIMEOUT) {
-            Logger(0, "DepotNew PalInitSem failed\n");
-            PalMemoryFree(handle);
-            Logger(0, "DepotNew exit.  Error %d(%d) creating depot synchronization object\n",
-                   err.palError, err.nativeError);
-            return leave(err, "depot.lk");
-        }
-        Logger(1, "DepotNew depot continue. Ignore WAIT_TIMEOUT\n");
-    }
-
-    err = TouchLockFile("entry.lk");
-    if (err.palError != PAL_OK) {
+    // The one way out of a failure once the handle exists (its failure line
+    // already logged): whatever was set up is undone. A semaphore not yet
+    // created has no record, and closing it does nothing.
+    auto fail = [&leave, handle](PalError result, const PalChar* file) noexcept {
+        SemClose(&handle->entryLock);
         SemClose(&handle->depotLock);
         PalMemoryFree(handle);
-        Logger(0, "DepotNew exit.  Error %d creating semaphore path\n", err.palError);
-        return leave(err, "entry.lk");
-    }
-    PalError entryStatus = PalInitSem(&handle->entryLock, "entry.lk");
-    if (entryStatus.palError != PAL_OK) {
-        if (entryStatus.palError != PAL_WAIT_TIMEOUT) {
-            Logger(0, "DepotNew PalInitSem failed\n");
-            SemClose(&handle->depotLock);
-            PalMemoryFree(handle);
-            Logger(0, "DepotNew exit.  Error %d(%d) creating entry synchronization object\n",
-                   entryStatus.palError, entryStatus.nativeError);
-            return leave(entryStatus, "entry.lk");
-        }
-        Logger(1, "DepotNew entry continue. Ignore WAIT_TIMEOUT\n");
-    }
+        return leave(result, file);
+    };
+
+    PalError err = CreateLock(&handle->depotLock, "depot.lk", "depot");
+    if (err.palError != PAL_OK && err.palError != PAL_WAIT_TIMEOUT) return fail(err, "depot.lk");
+    PalError entryStatus = CreateLock(&handle->entryLock, "entry.lk", "entry");
+    if (entryStatus.palError != PAL_OK && entryStatus.palError != PAL_WAIT_TIMEOUT)
+        return fail(entryStatus, "entry.lk");
 
     // Creating a semaphore does not take it; this release raises its count by
     // one for the life of the process (see the design notes, 4). Not in
@@ -349,11 +349,8 @@ PalError DepotNew(DepotHandle** out, const PalChar* directory, PalUint32 storage
     }
 
     if (PalList1Create(&handle->entries, 256, 256) != 0) {
-        SemClose(&handle->entryLock);
-        SemClose(&handle->depotLock);
-        PalMemoryFree(handle);
         Logger(0, "DepotNew exit.  Error creating depot entry list\n");
-        return leave(PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 0), nullptr);
+        return fail(PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 0), nullptr);
     }
     handle->storageLimit = storageLimit;
     handle->availableSpace = storageLimit;
@@ -366,7 +363,7 @@ PalError DepotNew(DepotHandle** out, const PalChar* directory, PalUint32 storage
     }
 
     *out = handle;
-    Logger(3, "DepotNew exit\n");
+    trace.Exit();
     // A tolerated semaphore failure is the result, and the record, of a
     // call that still opened the handle.
     return leave(entryStatus, "entry.lk");
@@ -378,19 +375,14 @@ PalError DepotGetLastError(const PalChar** file) noexcept {
 }
 
 PalError DepotFree(DepotHandle* handle) noexcept {
-    Logger(3, "DepotFree entry\n");
+    DepotTrace trace("DepotFree");
     if (handle == nullptr) {
         Logger(0, "DepotFree exit.  Invalid parameter\n");
         return Ok();
     }
-    DepotLock depot(&handle->depotLock, "DepotFree error %d releasing lock\n");
-    PalError err = depot.Acquire();
-    if (err.palError == PAL_WAIT_TIMEOUT) {
-        Logger(1, "DepotFree continue. Ignore WAIT_TIMEOUT\n");
-    } else if (err.palError != PAL_OK) {
-        Logger(0, "DepotFree exit.  Error %d(%d) obtaining lock\n", err.palError, err.nativeError);
-        return err;
-    }
+    DepotLock depot(&handle->depotLock, trace.op());
+    PalError err = trace.TakeOrContinue(depot, "DepotFree continue. Ignore WAIT_TIMEOUT\n");
+    if (err.palError != PAL_OK) return err;
 
     PalIterator it{};
     err = PalList1IteratorCreate(handle->entries, &it);
@@ -424,8 +416,7 @@ PalError DepotFree(DepotHandle* handle) noexcept {
     depot.Release();
     SemClose(&handle->depotLock);
     PalMemoryFree(handle);
-    Logger(3, "DepotFree exit\n");
-    return err;  // the end of the record walk: PAL_ERR_NO_MORE
+    return trace.Exit(err);  // the end of the record walk: PAL_ERR_NO_MORE
 }
 
 }  // extern "C"

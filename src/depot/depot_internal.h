@@ -10,15 +10,16 @@
 
 namespace fanout {
 
-// A held-or-not view of one of the depot's semaphores. Acquire() waits;
-// Release() posts and logs `releaseFormat` (one %d: the palError) at level 1
-// when the post fails. The destructor releases a lock still held, so an early
-// return never leaves a semaphore taken. Keep() forgets the lock without
-// releasing it (the one path that deliberately keeps the entry lock).
+// A held-or-not view of one of the depot's semaphores, taken for the
+// operation `op`. Acquire() waits; Release() posts and, when the post fails,
+// logs "<op> error <palError> releasing <what>" at level 1. The destructor
+// releases a lock still held, so an early return never leaves a semaphore
+// taken. Keep() forgets the lock without releasing it (the one path that
+// deliberately keeps the entry lock).
 class DepotLock {
   public:
-    DepotLock(PalSemHandle* sem, const char* releaseFormat) noexcept
-        : sem_(sem), releaseFormat_(releaseFormat) {}
+    DepotLock(PalSemHandle* sem, const char* op, const char* what = "lock") noexcept
+        : sem_(sem), op_(op), what_(what) {}
     DepotLock(const DepotLock&) = delete;
     DepotLock& operator=(const DepotLock&) = delete;
     ~DepotLock() { Release(); }
@@ -30,9 +31,58 @@ class DepotLock {
 
   private:
     PalSemHandle* sem_;
-    const char* releaseFormat_;
+    const char* op_;
+    const char* what_;
     bool held_ = false;
 };
+
+// Takes `lock` for the operation `op`; a failure is logged at level 0 as
+// "<op> exit.  Error <palError>(<nativeError>) obtaining lock" and returned.
+PalError TakeLock(DepotLock& lock, const char* op) noexcept;
+
+// Takes `lock` under the WAIT_TIMEOUT rule: a failed wait (PAL_WAIT_TIMEOUT)
+// is logged at level 1 as `tolerated` and answered PAL_OK, the operation
+// going on without the lock (which is then never released); any other
+// failure is logged and returned as TakeLock does.
+PalError TakeLockOrContinue(DepotLock& lock, const char* op, const char* tolerated) noexcept;
+
+// The trace of one Depot operation: "<op> entry" at level 3 when constructed
+// and "<op> exit" at level 3 from Exit(). Paths that end without an exit
+// line (invalid arguments, failures with their own exit line) just return.
+class DepotTrace {
+  public:
+    explicit DepotTrace(const char* op) noexcept : op_(op) { Logger(3, "%s entry\n", op); }
+    DepotTrace(const DepotTrace&) = delete;
+    DepotTrace& operator=(const DepotTrace&) = delete;
+
+    const char* op() const noexcept { return op_; }
+    PalError Take(DepotLock& lock) const noexcept { return TakeLock(lock, op_); }
+    PalError TakeOrContinue(DepotLock& lock, const char* tolerated) const noexcept {
+        return TakeLockOrContinue(lock, op_, tolerated);
+    }
+    void Exit() const noexcept { Logger(3, "%s exit\n", op_); }
+    // Logs the exit line and hands `result` back: `return trace.Exit(result);`.
+    template <class T>
+    T Exit(T result) const noexcept {
+        Exit();
+        return result;
+    }
+
+  private:
+    const char* op_;
+};
+
+// The usual shape of a traced operation under one lock: takes the lock (a
+// failure is logged and returned), runs `body` (returning a PalError),
+// releases the lock and logs the exit line; body's result is the answer.
+template <class Body>
+PalError RunLocked(const DepotTrace& trace, PalSemHandle* sem, Body&& body) noexcept {
+    DepotLock lock(sem, trace.op());
+    if (PalError err = trace.Take(lock); err.palError != PAL_OK) return err;
+    PalError result = body();
+    lock.Release();
+    return trace.Exit(result);
+}
 
 // What went wrong while reading a whole entry file.
 enum class ReadFailure { kNone, kOpen, kSize, kAlloc, kRead };
@@ -42,6 +92,20 @@ struct ReadResult {
     PalError error{0, 0, 0};
     PalUint32 length = 0;  // bytes read (the text is zero-terminated after them)
 };
+
+// What one reader logs (level 1) when an entry file cannot be read: `open`,
+// `size` and `read` are formats taking the palError and the path (%d, %s);
+// `alloc` takes the path (%s) or nothing.
+struct ReadFailureTexts {
+    const char* open;
+    const char* size;
+    const char* alloc;
+    const char* read;
+};
+
+// Logs the failure of `r` (nothing for ReadFailure::kNone) with `texts`.
+void LogReadFailure(const ReadResult& r, const PalChar* path,
+                    const ReadFailureTexts& texts) noexcept;
 
 // Reads the whole file at `path` into *buffer, growing it (PalMemoryRealloc)
 // to at least size + 1 bytes and recording its size in *capacity; the text is
@@ -169,6 +233,11 @@ PalError TouchLockFile(const PalChar* name) noexcept;
 // (null: none), copied and cut to PAL_PATH_MAX characters. Success is
 // recorded as Ok() without a file.
 void RecordFailure(PalError error, const PalChar* file = nullptr) noexcept;
+
+// `s`, or "(null)" in its place, for a trace line.
+inline const char* OrNull(const char* s) noexcept {
+    return s != nullptr ? s : "(null)";
+}
 
 inline PalError Ok() noexcept {
     return PalErrorCreate(PAL_OK, 0, 0);

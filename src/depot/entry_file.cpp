@@ -35,15 +35,20 @@ static_assert(sizeof(kTemplate) == kTemplateBytes, "entry-file template changed"
 
 // Read only; never through a link, never anything but a regular file (a
 // FIFO named like an entry file must not block the reader).
-constexpr PalInt32 kReadOnly = 0x1 | PAL_OPEN_NOFOLLOW | PAL_OPEN_REGULAR | PAL_OPEN_CLOEXEC;
+constexpr PalInt32 kReadOnly =
+    PAL_OPEN_RDONLY | PAL_OPEN_NOFOLLOW | PAL_OPEN_REGULAR | PAL_OPEN_CLOEXEC;
 
 // Entry files up to this size, zero byte included, are read into a buffer on
 // the stack: the template, a key, a path and a modest property list.
 constexpr PalInt32 kSmallText = 2048;
 
-const char* OrNull(const char* s) noexcept {
-    return s != nullptr ? s : "(null)";
-}
+// Why the entry file of a cached record could not be read.
+constexpr ReadFailureTexts kVerifyFailure = {
+    "DepotVerifyEntry_internal error %d opening file %s\n",
+    "DepotVerifyEntry_internal error %d retrieving size of file %s\n",
+    "DepotVerifyEntry_internal error allocating memory buffer for file read\n",
+    "DepotVerifyEntry_internal error %d reading file %s\n",
+};
 
 // The text being built: the buffer, the document's last position (one past
 // the zero byte, as the tag filler counts it) and the buffer's last byte.
@@ -340,6 +345,26 @@ void ReloadFromText(DepotEntry* entry, const EntryText& text) noexcept {
 
 }  // namespace
 
+void LogReadFailure(const ReadResult& r, const PalChar* path,
+                    const ReadFailureTexts& texts) noexcept {
+    switch (r.failure) {
+        case ReadFailure::kOpen:
+            Logger(1, texts.open, r.error.palError, path);
+            break;
+        case ReadFailure::kSize:
+            Logger(1, texts.size, r.error.palError, path);
+            break;
+        case ReadFailure::kAlloc:
+            Logger(1, texts.alloc, path);  // a text without %s reads no argument
+            break;
+        case ReadFailure::kRead:
+            Logger(1, texts.read, r.error.palError, path);
+            break;
+        case ReadFailure::kNone:
+            break;
+    }
+}
+
 ReadResult ReadWholeFile(const PalChar* path, PalChar** buffer, PalInt32* capacity) noexcept {
     PalChar* text = nullptr;
     return ReadWholeFileInto(path, nullptr, 0, buffer, capacity, &text);
@@ -364,27 +389,8 @@ bool VerifyEntry(DepotEntry* entry) noexcept {
     PalChar* text = nullptr;
     ReadResult r =
         ReadWholeFileInto(entry->entryFilePath, small, kSmallText, &heap, &capacity, &text);
-    const char* path = OrNull(entry->entryFilePath);
-    switch (r.failure) {
-        case ReadFailure::kNone:
-            break;
-        case ReadFailure::kOpen:
-            Logger(1, "DepotVerifyEntry_internal error %d opening file %s\n", r.error.palError,
-                   path);
-            break;
-        case ReadFailure::kSize:
-            Logger(1, "DepotVerifyEntry_internal error %d retrieving size of file %s\n",
-                   r.error.palError, path);
-            break;
-        case ReadFailure::kAlloc:
-            Logger(1, "DepotVerifyEntry_internal error allocating memory buffer for file read\n");
-            break;
-        case ReadFailure::kRead:
-            Logger(1, "DepotVerifyEntry_internal error %d reading file %s\n", r.error.palError,
-                   path);
-            break;
-    }
     if (r.failure != ReadFailure::kNone) {
+        LogReadFailure(r, OrNull(entry->entryFilePath), kVerifyFailure);
         PalMemoryFree(heap);
         return false;
     }

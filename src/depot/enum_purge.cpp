@@ -18,27 +18,12 @@ using namespace fanout;
 
 namespace {
 
-void LogWalkFailure(const ReadResult& r, const PalChar* path) noexcept {
-    switch (r.failure) {
-        case ReadFailure::kOpen:
-            Logger(1, "DepotEntryEnumNextElement error %d opening file %s\n", r.error.palError,
-                   path);
-            break;
-        case ReadFailure::kSize:
-            Logger(1, "DepotEntryEnumNextElement error %d obtaining size of file %s\n",
-                   r.error.palError, path);
-            break;
-        case ReadFailure::kAlloc:
-            Logger(1, "DepotEntryEnumNextElement error allocating memory to read file %s\n", path);
-            break;
-        case ReadFailure::kRead:
-            Logger(1, "DepotEntryEnumNextElement error %d reading file %s\n", r.error.palError,
-                   path);
-            break;
-        case ReadFailure::kNone:
-            break;
-    }
-}
+constexpr ReadFailureTexts kWalkFailure = {
+    "DepotEntryEnumNextElement error %d opening file %s\n",
+    "DepotEntryEnumNextElement error %d obtaining size of file %s\n",
+    "DepotEntryEnumNextElement error allocating memory to read file %s\n",
+    "DepotEntryEnumNextElement error %d reading file %s\n",
+};
 
 // True when a complete entry's deadline lies before now (unsigned seconds).
 bool IsExpired(const DepotEntry* entry, PalUint32 now) noexcept {
@@ -50,7 +35,7 @@ bool IsExpired(const DepotEntry* entry, PalUint32 now) noexcept {
 extern "C" {
 
 PalError DepotEnumNew(DepotHandle* handle, DepotEnum** enumerator) noexcept {
-    Logger(3, "DepotEnumNew entry\n");
+    DepotTrace trace("DepotEnumNew");
     if (handle == nullptr || enumerator == nullptr)
         return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
     *enumerator = nullptr;
@@ -84,8 +69,7 @@ PalError DepotEnumNew(DepotHandle* handle, DepotEnum** enumerator) noexcept {
         if (err.palError != PAL_OK)
             Logger(1, "DepotEnumNew error %d releasing enum lock\n", err.palError);
     }
-    Logger(3, "DepotEnumNew exit\n");
-    return Ok();
+    return trace.Exit(Ok());
 }
 
 }  // extern "C"
@@ -97,19 +81,14 @@ namespace {
 // and the walk goes on, as it does for files that do not parse or name a
 // location outside their own data file.
 DepotEntry* NextEntry(DepotEnum* enumerator, PalUint32* skipped, bool counting) noexcept {
-    Logger(3, "DepotEntryEnumNextElement entry\n");
+    DepotTrace trace("DepotEntryEnumNextElement");
     if (enumerator == nullptr || enumerator->depot == nullptr) return nullptr;
     DepotHandle* handle = enumerator->depot;
-    DepotLock lock(&enumerator->lock, "DepotEntryEnumNextElement error %d releasing lock\n");
-    PalError err = lock.Acquire();
-    if (err.palError != PAL_OK) {
-        Logger(0, "DepotEntryEnumNextElement exit.  Error %d(%d) obtaining lock\n", err.palError,
-               err.nativeError);
-        return nullptr;
-    }
+    DepotLock lock(&enumerator->lock, trace.op());
+    if (trace.Take(lock).palError != PAL_OK) return nullptr;
     // Entry files are read under the entry lock so that none is seen half
     // rewritten; the walk goes on without it when it cannot be had.
-    DepotLock entryLock(&handle->entryLock, "DepotEntryEnumNextElement error %d releasing lock\n");
+    DepotLock entryLock(&handle->entryLock, trace.op());
     if (const PalError taken = entryLock.Acquire(); taken.palError != PAL_OK) {
         Logger(1, "DepotEntryEnumNextElement continue.  Error %d(%d) obtaining entry lock\n",
                taken.palError, taken.nativeError);
@@ -131,7 +110,7 @@ DepotEntry* NextEntry(DepotEnum* enumerator, PalUint32* skipped, bool counting) 
         }
         ReadResult r = ReadWholeFile(path, &buffer, &capacity);
         if (r.failure != ReadFailure::kNone) {
-            LogWalkFailure(r, path);
+            LogReadFailure(r, path, kWalkFailure);
             PalMemoryFree(path);
             if (!counting) break;
             count();
@@ -172,33 +151,28 @@ DepotEntry* NextEntry(DepotEnum* enumerator, PalUint32* skipped, bool counting) 
     PalMemoryFree(buffer);
     entryLock.Release();
     lock.Release();
-    Logger(3, "DepotEntryEnumNextElement exit\n");
-    return found;
+    return trace.Exit(found);
 }
 
 // DepotPurge (expiredOnly false) and DepotPurgeExpiredEntries (true), walking
 // with NextEntry; `counting` as there.
 PalError PurgeWalk(DepotHandle* handle, PalBool force, bool expiredOnly, bool counting,
                    PalUint32* skipped) noexcept {
-    const char* const name = expiredOnly ? "DepotPurgeExpiredEntries" : "DepotPurge";
-    Logger(3, expiredOnly ? "DepotPurgeExpiredEntries entry\n" : "DepotPurge entry\n");
+    DepotTrace trace(expiredOnly ? "DepotPurgeExpiredEntries" : "DepotPurge");
     if (skipped != nullptr) *skipped = 0;
     if (handle == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
-    DepotLock depot(&handle->depotLock, expiredOnly
-                                            ? "DepotPurgeExpiredEntris error %d releasing lock\n"
-                                            : "DepotPurge error %d releasing lock\n");
-    PalError err = depot.Acquire();
-    if (expiredOnly && err.palError == PAL_WAIT_TIMEOUT) {
-        Logger(1, "DepotPurgeExpiredEntries entry continue. Ignore WAIT_TIMEOUT\n");
-    } else if (err.palError != PAL_OK) {
-        Logger(0, "%s exit.  Error %d(%d) obtaining lock\n", name, err.palError, err.nativeError);
-        return err;
-    }
+    // The expiring purge's release line spells its name short.
+    DepotLock depot(&handle->depotLock, expiredOnly ? "DepotPurgeExpiredEntris" : "DepotPurge");
+    PalError err =
+        expiredOnly ? trace.TakeOrContinue(
+                          depot, "DepotPurgeExpiredEntries entry continue. Ignore WAIT_TIMEOUT\n")
+                    : trace.Take(depot);
+    if (err.palError != PAL_OK) return err;
     DepotEnum* walk = nullptr;
     err = DepotEnumNew(handle, &walk);
     if (err.palError != PAL_OK) {
         depot.Release();
-        Logger(0, "%s exit.  Error %d creating enumerator\n", name, err.palError);
+        Logger(0, "%s exit.  Error %d creating enumerator\n", trace.op(), err.palError);
         return err;
     }
     PalError result = Ok();
@@ -218,8 +192,7 @@ PalError PurgeWalk(DepotHandle* handle, PalBool force, bool expiredOnly, bool co
         }
         bool expired = false;
         {
-            DepotLock lock(&handle->entryLock,
-                           "DepotPurgeExpiredEntries error %d releasing lock\n");
+            DepotLock lock(&handle->entryLock, trace.op());
             if (lock.Acquire().palError != PAL_OK) {
                 // Reports the purge's status so far, not the lock's.
                 Logger(1, "DepotPurgeExpiredEntries error %d(%d) obtaining lock\n", result.palError,
@@ -242,8 +215,7 @@ PalError PurgeWalk(DepotHandle* handle, PalBool force, bool expiredOnly, bool co
     }
     (void)DepotEntryEnumDelete(walk);
     depot.Release();
-    Logger(3, expiredOnly ? "DepotPurgeExpiredEntries exit\n" : "DepotPurge exit\n");
-    return result;
+    return trace.Exit(result);
 }
 
 }  // namespace
@@ -259,15 +231,11 @@ DepotEntry* DepotEntryEnumNextReadable(DepotEnum* enumerator, PalUint32* skipped
 }
 
 PalError DepotEntryEnumDelete(DepotEnum* enumerator) noexcept {
-    Logger(3, "DepotEntryEnumDelete entry\n");
+    DepotTrace trace("DepotEntryEnumDelete");
     if (enumerator == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
-    DepotLock lock(&enumerator->lock, "DepotEntryEnumDelete error %d releasing lock\n");
-    PalError err = lock.Acquire();
-    if (err.palError != PAL_OK) {
-        Logger(0, "DepotEntryEnumDelete exit.  Error %d(%d) obtaining lock\n", err.palError,
-               err.nativeError);
-        return err;
-    }
+    DepotLock lock(&enumerator->lock, trace.op());
+    PalError err = trace.Take(lock);
+    if (err.palError != PAL_OK) return err;
     err = PalDirClose(enumerator->dir);
     if (err.palError != PAL_OK)
         Logger(1, "DepotEntryEnumDelete error %d closing directory handle\n", err.palError);
@@ -276,8 +244,7 @@ PalError DepotEntryEnumDelete(DepotEnum* enumerator) noexcept {
     if (err.palError != PAL_OK)
         Logger(1, "DepotEntryEnumDelete error %d freeing lock\n", err.palError);
     PalMemoryFree(enumerator);
-    Logger(3, "DepotEntryEnumDelete exit\n");
-    return Ok();
+    return trace.Exit(Ok());
 }
 
 PalError DepotPurge(DepotHandle* handle, PalBool force) noexcept {

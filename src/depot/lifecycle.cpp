@@ -21,7 +21,7 @@ namespace {
 // Create if absent, write only, keep contents; never through a link, never
 // anything but a regular file.
 constexpr PalInt32 kCreateWriteOnly =
-    0x102 | PAL_OPEN_NOFOLLOW | PAL_OPEN_REGULAR | PAL_OPEN_CLOEXEC;
+    PAL_OPEN_CREATE | PAL_OPEN_WRONLY | PAL_OPEN_NOFOLLOW | PAL_OPEN_REGULAR | PAL_OPEN_CLOEXEC;
 // A new entry file: created exclusively, read-write so that the writer lock
 // is taken on the same open. A new data file: created exclusively.
 constexpr PalInt32 kCreateEntryFile =
@@ -29,14 +29,11 @@ constexpr PalInt32 kCreateEntryFile =
 constexpr PalInt32 kCreateDataFile =
     PAL_OPEN_WRONLY | PAL_OPEN_CREATE | PAL_OPEN_EXCLUSIVE | PAL_OPEN_NOFOLLOW | PAL_OPEN_CLOEXEC;
 // Flushing the data file before completion: read only is enough for fsync.
-constexpr PalInt32 kFlushData = 0x1 | PAL_OPEN_NOFOLLOW | PAL_OPEN_REGULAR | PAL_OPEN_CLOEXEC;
+constexpr PalInt32 kFlushData =
+    PAL_OPEN_RDONLY | PAL_OPEN_NOFOLLOW | PAL_OPEN_REGULAR | PAL_OPEN_CLOEXEC;
 // How many sequence numbers an addition tries when names are taken by files
 // no entry file of the bucket accounts for (orphans, links, FIFOs).
 constexpr int kCreateAttempts = 1024;
-
-const char* OrNull(const char* s) noexcept {
-    return s != nullptr ? s : "(null)";
-}
 
 bool ListContains(PalList1* list, PalInt32 number) noexcept {
     if (list == nullptr) return false;
@@ -211,7 +208,7 @@ PalError RemoveFilesLocked(DepotHandle* handle, DepotEntry* entry, PalBool force
 }  // namespace
 
 PalError SaveEntryFile(DepotHandle* handle, DepotEntry* entry, bool flush) noexcept {
-    Logger(3, "DepotSaveEntry_internal entry\n");
+    DepotTrace trace("DepotSaveEntry_internal");
     if (entry == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
     PalChar* text = nullptr;
     PalUint32 length = 0;
@@ -229,8 +226,7 @@ PalError SaveEntryFile(DepotHandle* handle, DepotEntry* entry, bool flush) noexc
         if (err.palError == PAL_OK) err = closed;
     }
     if (err.palError != PAL_OK) return err;
-    Logger(3, "DepotSaveEntry_internal exit\n");
-    return err;
+    return trace.Exit(err);
 }
 
 void DetachRecord(DepotHandle* handle, DepotEntry* entry) noexcept {
@@ -251,24 +247,15 @@ void DetachRecord(DepotHandle* handle, DepotEntry* entry) noexcept {
 }
 
 PalError FreeRecordLocked(DepotHandle* handle, DepotEntry* entry, bool detach) noexcept {
-    Logger(3, "DepotFreeEntry_internal entry\n");
+    DepotTrace trace("DepotFreeEntry_internal");
     if (handle == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
-    if (entry == nullptr) {
-        Logger(3, "DepotFreeEntry_internal exit\n");
-        return Ok();
-    }
-    DepotLock lock(&handle->entryLock, "DepotFreeEntry_internal error %d releasing lock\n");
-    PalError err = lock.Acquire();
-    if (err.palError != PAL_OK) {
-        Logger(0, "DepotFreeEntry_internal exit.  Error %d(%d) obtaining lock\n", err.palError,
-               err.nativeError);
-        return err;
-    }
+    if (entry == nullptr) return trace.Exit(Ok());
+    DepotLock lock(&handle->entryLock, trace.op());
+    if (PalError err = trace.Take(lock); err.palError != PAL_OK) return err;
     if (detach) DetachRecord(handle, entry);
     FreeRecordFields(entry);
     lock.Release();
-    Logger(3, "DepotFreeEntry_internal exit\n");
-    return Ok();
+    return trace.Exit(Ok());
 }
 
 }  // namespace fanout
@@ -279,7 +266,7 @@ extern "C" {
 
 DepotEntry* DepotAddEntry(DepotHandle* handle, const PalChar* id, const PalChar* version,
                           const PalUint8* properties, PalUint32 propertiesLength) noexcept {
-    Logger(3, "DepotAddEntry entry\n");
+    DepotTrace trace("DepotAddEntry");
     // Every null answer leaves its reason as the thread's last failure
     // (DepotGetLastError); the steps are listed in depot.h.
     if (handle == nullptr || id == nullptr || version == nullptr) {
@@ -291,13 +278,9 @@ DepotEntry* DepotAddEntry(DepotHandle* handle, const PalChar* id, const PalChar*
         RecordFailure(PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 3));
         return nullptr;
     }
-    DepotLock depot(&handle->depotLock, "DepotAddEntry error %d releasing lock\n");
-    PalError err = depot.Acquire();
-    if (err.palError == PAL_WAIT_TIMEOUT) {
-        Logger(1, "DepotAddEntry continue. Ignore WAIT_TIMEOUT\n");
-    } else if (err.palError != PAL_OK) {
-        Logger(0, "DepotAddEntry exit.  Error %d(%d) obtaining lock\n", err.palError,
-               err.nativeError);
+    DepotLock depot(&handle->depotLock, trace.op());
+    PalError err = trace.TakeOrContinue(depot, "DepotAddEntry continue. Ignore WAIT_TIMEOUT\n");
+    if (err.palError != PAL_OK) {
         RecordFailure(err, "depot.lk");
         return nullptr;
     }
@@ -318,8 +301,7 @@ DepotEntry* DepotAddEntry(DepotHandle* handle, const PalChar* id, const PalChar*
         if (existing->state == DEPOT_STATE_COMPLETE) {
             depot.Release();
             RecordFailure(Ok());
-            Logger(3, "DepotAddEntry exit\n");
-            return existing;  // a complete segment is reused, not added twice
+            return trace.Exit(existing);  // a complete segment is reused, not added twice
         }
         // The record stays cached in the handle's list; DepotFree releases it.
         Logger(1, "DepotAddEntry unable to use entry due to in-progress operations\n");
@@ -332,11 +314,10 @@ DepotEntry* DepotAddEntry(DepotHandle* handle, const PalChar* id, const PalChar*
     // FIFO, and the next free number is tried then.
     DepotEntry* entry = nullptr;
     {
-        DepotLock lock(&handle->entryLock, "DepotSaveEntry error %d releasing lock\n");
-        err = lock.Acquire();
+        // Traced under the name of the save it guards.
+        DepotLock lock(&handle->entryLock, "DepotSaveEntry");
+        err = TakeLock(lock, "DepotSaveEntry");
         if (err.palError != PAL_OK) {
-            Logger(0, "DepotSaveEntry exit.  Error %d(%d) obtaining lock\n", err.palError,
-                   err.nativeError);
             PalList1Destroy(&used);
             RecordFailure(err, "entry.lk");
             return nullptr;
@@ -367,8 +348,7 @@ DepotEntry* DepotAddEntry(DepotHandle* handle, const PalChar* id, const PalChar*
     }
     depot.Release();
     RecordFailure(Ok());
-    Logger(3, "DepotAddEntry exit\n");
-    return entry;
+    return trace.Exit(entry);
 }
 
 PalError DepotSaveEntry_internal(DepotHandle* handle, DepotEntry* entry) noexcept {
@@ -376,40 +356,22 @@ PalError DepotSaveEntry_internal(DepotHandle* handle, DepotEntry* entry) noexcep
 }
 
 PalError DepotSaveEntry(DepotHandle* handle, DepotEntry* entry) noexcept {
-    Logger(3, "DepotSaveEntry entry\n");
+    DepotTrace trace("DepotSaveEntry");
     if (handle == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
-    DepotLock lock(&handle->entryLock, "DepotSaveEntry error %d releasing lock\n");
-    PalError err = lock.Acquire();
-    if (err.palError != PAL_OK) {
-        Logger(0, "DepotSaveEntry exit.  Error %d(%d) obtaining lock\n", err.palError,
-               err.nativeError);
-        return err;
-    }
-    PalError result = DepotSaveEntry_internal(handle, entry);
-    lock.Release();
-    Logger(3, "DepotSaveEntry exit\n");
-    return result;
+    return RunLocked(trace, &handle->entryLock,
+                     [&]() noexcept { return DepotSaveEntry_internal(handle, entry); });
 }
 
 PalError DepotEntryChangeState(DepotHandle* handle, DepotEntry* entry, PalInt32 state) noexcept {
-    Logger(3, "DepotEntryChangeState entry\n");
+    DepotTrace trace("DepotEntryChangeState");
     if (handle == nullptr || entry == nullptr)
         return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
-    DepotLock lock(&handle->entryLock, "DepotEntryChangeState error %d releasing lock\n");
-    PalError err = lock.Acquire();
-    if (err.palError != PAL_OK) {
-        Logger(0, "DepotEntryChangeState exit.  Error %d(%d) obtaining lock\n", err.palError,
-               err.nativeError);
-        return err;
-    }
-    PalError result = ChangeStateLocked(handle, entry, state, true);
-    lock.Release();
-    Logger(3, "DepotEntryChangeState exit\n");
-    return result;
+    return RunLocked(trace, &handle->entryLock,
+                     [&]() noexcept { return ChangeStateLocked(handle, entry, state, true); });
 }
 
 PalError DepotCompleteEntry(DepotHandle* handle, DepotEntry* entry, PalInt32 deadline) noexcept {
-    Logger(3, "DepotCompleteEntry entry\n");
+    DepotTrace trace("DepotCompleteEntry");
     if (handle == nullptr || entry == nullptr)
         return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
     // The data and the names of both files reach the device before the entry
@@ -421,18 +383,12 @@ PalError DepotCompleteEntry(DepotHandle* handle, DepotEntry* entry, PalInt32 dea
         Logger(1, "DepotCompleteEntry error %d(%d) flushing segment data\n", flushed.palError,
                flushed.nativeError);
         (void)DepotFreeEntry(handle, entry);
-        Logger(3, "DepotCompleteEntry exit\n");
-        return flushed;
+        return trace.Exit(flushed);
     }
-    DepotLock lock(&handle->entryLock, "DepotCompleteEntry error %d releasing lock\n");
-    PalError err = lock.Acquire();
-    if (err.palError == PAL_WAIT_TIMEOUT) {
-        Logger(1, "DepotCompleteEntry entry continue. Ignore WAIT_TIMEOUT\n");
-    } else if (err.palError != PAL_OK) {
-        Logger(0, "DepotCompleteEntry exit.  Error %d(%d) obtaining lock\n", err.palError,
-               err.nativeError);
-        return err;
-    }
+    DepotLock lock(&handle->entryLock, trace.op());
+    PalError err =
+        trace.TakeOrContinue(lock, "DepotCompleteEntry entry continue. Ignore WAIT_TIMEOUT\n");
+    if (err.palError != PAL_OK) return err;
     // A record whose entry was deleted meanwhile is not written back.
     PalError result = SyncSharedCounters(entry);
     if (result.palError == PAL_OK) {
@@ -446,21 +402,21 @@ PalError DepotCompleteEntry(DepotHandle* handle, DepotEntry* entry, PalInt32 dea
     }
     lock.Release();
     (void)DepotFreeEntry(handle, entry);
-    Logger(3, "DepotCompleteEntry exit\n");
-    return result;
+    return trace.Exit(result);
 }
 
 PalError DepotUnregisterEntry(DepotHandle* handle, DepotEntry* entry, PalBool force) noexcept {
-    Logger(3, "DepotUnregisterEntry entry\n");
+    DepotTrace trace("DepotUnregisterEntry");
     if (handle == nullptr || entry == nullptr)
         return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
-    DepotLock depot(&handle->depotLock, "DepotUnregisterEntry error %d releasing depot lock\n");
+    // Its two failure lines name the lock and carry no system error.
+    DepotLock depot(&handle->depotLock, trace.op(), "depot lock");
     PalError err = depot.Acquire();
     if (err.palError != PAL_OK) {
         Logger(0, "DepotUnregisterEntry exit.  Error %d obtaining depot lock\n", err.palError);
         return err;
     }
-    DepotLock lock(&handle->entryLock, "DepotUnregisterEntry error %d releasing entry lock\n");
+    DepotLock lock(&handle->entryLock, trace.op(), "entry lock");
     err = lock.Acquire();
     if (err.palError != PAL_OK) {
         depot.Release();
@@ -473,8 +429,7 @@ PalError DepotUnregisterEntry(DepotHandle* handle, DepotEntry* entry, PalBool fo
         lock.Release();
         (void)FreeRecordLocked(handle, entry, true);
         depot.Release();
-        Logger(3, "DepotUnregisterEntry exit\n");
-        return err;
+        return trace.Exit(err);
     }
     entry->referenceCount =
         static_cast<PalInt32>(static_cast<PalUint32>(entry->referenceCount) - 1u);
@@ -482,64 +437,47 @@ PalError DepotUnregisterEntry(DepotHandle* handle, DepotEntry* entry, PalBool fo
     if (entry->referenceCount > 0) {
         // Back to complete, written in the same hold of the entry lock as the
         // decrement, so no other registrant's change slips in between.
-        Logger(3, "DepotEntryChangeState entry\n");
+        DepotTrace change("DepotEntryChangeState");
         (void)ChangeStateLocked(handle, entry, DEPOT_STATE_COMPLETE, false);
-        Logger(3, "DepotEntryChangeState exit\n");
+        change.Exit();
         lock.Release();
         (void)FreeRecordLocked(handle, entry, true);
     } else {
         // Deleted in the same hold of the entry lock as the decrement: a
         // completion slipping in between would otherwise be lost with the files.
-        Logger(3, "DepotRemoveEntry_internal entry\n");
+        DepotTrace remove("DepotRemoveEntry_internal");
         result = RemoveFilesLocked(handle, entry, force, false);
         lock.Release();
         (void)FreeRecordLocked(handle, entry, true);
-        Logger(3, "DepotRemoveEntry_internal exit\n");
+        remove.Exit();
     }
     depot.Release();
-    Logger(3, "DepotUnregisterEntry exit\n");
-    return result;
+    return trace.Exit(result);
 }
 
 PalError DepotRemoveEntry_internal(DepotHandle* handle, DepotEntry* entry, PalBool force) noexcept {
-    Logger(3, "DepotRemoveEntry_internal entry\n");
+    DepotTrace trace("DepotRemoveEntry_internal");
     if (handle == nullptr || entry == nullptr)
         return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
-    DepotLock lock(&handle->entryLock, "DepotRemoveEntry_internal error %d releasing lock\n");
-    PalError err = lock.Acquire();
-    if (err.palError != PAL_OK) {
-        Logger(0, "DepotRemoveEntry_internal exit.  Error %d(%d) obtaining lock\n", err.palError,
-               err.nativeError);
-        return err;
-    }
+    DepotLock lock(&handle->entryLock, trace.op());
+    if (PalError err = trace.Take(lock); err.palError != PAL_OK) return err;
     PalError result = RemoveFilesLocked(handle, entry, force, true);
     lock.Release();
     (void)FreeRecordLocked(handle, entry, true);
-    Logger(3, "DepotRemoveEntry_internal exit\n");
-    return result;
+    return trace.Exit(result);
 }
 
 PalError DepotRemoveEntry(DepotHandle* handle, DepotEntry* entry, PalBool force) noexcept {
-    Logger(3, "DepotRemoveEntry entry\n");
+    DepotTrace trace("DepotRemoveEntry");
     if (handle == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
-    DepotLock depot(&handle->depotLock, "DepotRemoveEntry error %d releasing lock\n");
-    PalError err = depot.Acquire();
-    if (err.palError != PAL_OK) {
-        Logger(0, "DepotRemoveEntry exit.  Error %d(%d) obtaining lock\n", err.palError,
-               err.nativeError);
-        return err;
-    }
-    PalError result = DepotRemoveEntry_internal(handle, entry, force);
-    depot.Release();
-    Logger(3, "DepotRemoveEntry exit\n");
-    return result;
+    return RunLocked(trace, &handle->depotLock,
+                     [&]() noexcept { return DepotRemoveEntry_internal(handle, entry, force); });
 }
 
 PalBool DepotEntryWriterAlive(DepotHandle* handle, DepotEntry* entry) noexcept {
-    Logger(3, "DepotEntryWriterAlive entry\n");
+    DepotTrace trace("DepotEntryWriterAlive");
     bool alive = handle != nullptr && WriterAlive(entry);
-    Logger(3, "DepotEntryWriterAlive exit\n");
-    return alive ? PAL_TRUE : PAL_FALSE;
+    return trace.Exit(alive ? PAL_TRUE : PAL_FALSE);
 }
 
 PalError DepotFreeEntry_internal(DepotHandle* handle, DepotEntry* entry) noexcept {
@@ -547,35 +485,24 @@ PalError DepotFreeEntry_internal(DepotHandle* handle, DepotEntry* entry) noexcep
 }
 
 PalError DepotFreeEntry(DepotHandle* handle, DepotEntry* entry) noexcept {
-    Logger(3, "DepotFreeEntry entry\n");
+    DepotTrace trace("DepotFreeEntry");
     if (handle == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
-    DepotLock depot(&handle->depotLock, "DepotFreeEntry error %d releasing lock\n");
-    PalError err = depot.Acquire();
-    if (err.palError == PAL_WAIT_TIMEOUT) {
-        Logger(1, "DepotFree continue. Ignore WAIT_TIMEOUT\n");
-    } else if (err.palError != PAL_OK) {
-        Logger(0, "DepotFreeEntry exit.  Error %d(%d) obtaining lock\n", err.palError,
-               err.nativeError);
-        return err;
-    }
+    DepotLock depot(&handle->depotLock, trace.op());
+    // The tolerated failure is traced under DepotFree's name.
+    PalError err = trace.TakeOrContinue(depot, "DepotFree continue. Ignore WAIT_TIMEOUT\n");
+    if (err.palError != PAL_OK) return err;
     // Found by address, not by key: another record with the same key may be
     // cached beside this one.
     PalError result = FreeRecordLocked(handle, entry, true);
     depot.Release();
-    Logger(3, "DepotFreeEntry exit\n");
-    return result;
+    return trace.Exit(result);
 }
 
 PalError DepotEntryFree(DepotHandle* handle, DepotEntry* entry) noexcept {
-    Logger(3, "DepotEntryFree entry\n");
+    DepotTrace trace("DepotEntryFree");
     if (handle == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
-    DepotLock lock(&handle->entryLock, "DepotEntryFree error %d releasing lock\n");
-    PalError err = lock.Acquire();
-    if (err.palError != PAL_OK) {
-        Logger(0, "DepotEntryFree exit.  Error %d(%d) obtaining lock\n", err.palError,
-               err.nativeError);
-        return err;
-    }
+    DepotLock lock(&handle->entryLock, trace.op());
+    if (PalError err = trace.Take(lock); err.palError != PAL_OK) return err;
     if (entry != nullptr) {
         // Meant for records never added to a list; the properties are the
         // caller's to release.
@@ -587,8 +514,7 @@ PalError DepotEntryFree(DepotHandle* handle, DepotEntry* entry) noexcept {
         PalMemoryFree(entry);
     }
     lock.Release();
-    Logger(3, "DepotEntryFree exit\n");
-    return Ok();
+    return trace.Exit(Ok());
 }
 
 }  // extern "C"

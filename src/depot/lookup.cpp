@@ -41,26 +41,13 @@ void ChooseModulus() noexcept {
     }
 }
 
-// Logs why an entry file of the bucket could not be read; the scan then ends.
-void LogScanFailure(const ReadResult& r, const PalChar* path) noexcept {
-    switch (r.failure) {
-        case ReadFailure::kOpen:
-            Logger(1, "DepotGetEntry_internal error %d opening file %s\n", r.error.palError, path);
-            break;
-        case ReadFailure::kSize:
-            Logger(1, "DepotGetEntry_internal error %d retrieving size of file %s\n",
-                   r.error.palError, path);
-            break;
-        case ReadFailure::kAlloc:
-            Logger(1, "DepotGetEntry_internal error allocating memory buffer for file read\n");
-            break;
-        case ReadFailure::kRead:
-            Logger(1, "DepotGetEntry_internal error %d reading file %s\n", r.error.palError, path);
-            break;
-        case ReadFailure::kNone:
-            break;
-    }
-}
+// Why an entry file of the bucket could not be read; the scan then ends.
+constexpr ReadFailureTexts kScanFailure = {
+    "DepotGetEntry_internal error %d opening file %s\n",
+    "DepotGetEntry_internal error %d retrieving size of file %s\n",
+    "DepotGetEntry_internal error allocating memory buffer for file read\n",
+    "DepotGetEntry_internal error %d reading file %s\n",
+};
 
 // The sequence number written after "<bucket>." in an entry file's name.
 PalInt32 SequenceOf(const PalChar* name) noexcept {
@@ -109,7 +96,7 @@ DepotEntry* ScanBucket(DepotHandle* handle, const PalChar* bucket, const PalChar
         }
         ReadResult r = ReadWholeFile(path, &buffer, &capacity);
         if (r.failure != ReadFailure::kNone) {
-            LogScanFailure(r, path);
+            LogReadFailure(r, path, kScanFailure);
             why = r.failure == ReadFailure::kAlloc ? PalErrorCreate(PAL_ERR_NO_MEMORY, 0, 0)
                                                    : r.error;
             whyFile = path;
@@ -164,7 +151,7 @@ using namespace fanout;
 extern "C" {
 
 PalError DepotHashFunction(const PalChar* text, PalUint32* bucket) noexcept {
-    Logger(3, "DepotHashFunction entry\n");
+    DepotTrace trace("DepotHashFunction");
     ChooseModulus();
     PalUint32 h = 0;
     if (text != nullptr) {
@@ -180,12 +167,11 @@ PalError DepotHashFunction(const PalChar* text, PalUint32* bucket) noexcept {
     // A table size that leaves no modulus puts everything in bucket 0.
     PalUint32 modulus = NearestPrime != 0 ? NearestPrime : 1;
     if (bucket != nullptr) *bucket = h % modulus;
-    Logger(3, "DepotHashFunction exit\n");
-    return Ok();
+    return trace.Exit(Ok());
 }
 
 PalChar* DepotFindBucket(const PalChar* id, const PalChar* version) noexcept {
-    Logger(3, "DepotFindBucket entry\n");
+    DepotTrace trace("DepotFindBucket");
     std::size_t size = PalStringLen(id) + std::size_t{PalStringLen(version)} + 1;
     if (size > static_cast<std::size_t>(INT32_MAX)) return nullptr;
     auto* joined = static_cast<PalChar*>(PalMemoryMalloc(static_cast<PalInt32>(size)));
@@ -198,13 +184,12 @@ PalChar* DepotFindBucket(const PalChar* id, const PalChar* version) noexcept {
     auto* name = static_cast<PalChar*>(PalMemoryMalloc(9));
     if (name == nullptr) return nullptr;
     std::snprintf(name, 9, "%08u", static_cast<unsigned>(number));
-    Logger(3, "DepotFindBucket exit\n");
-    return name;
+    return trace.Exit(name);
 }
 
 PalUint32 DepotFindEntryIndex(DepotHandle* handle, const PalChar* id,
                               const PalChar* version) noexcept {
-    Logger(3, "DepotFindEntryIndex entry\n");
+    DepotTrace trace("DepotFindEntryIndex");
     if (handle == nullptr) return kNotFound;
     PalIterator it{};
     PalError err = PalList1IteratorCreate(handle->entries, &it);
@@ -226,13 +211,12 @@ PalUint32 DepotFindEntryIndex(DepotHandle* handle, const PalChar* id,
     }
     PalList1IteratorEnd(&it);
     if (err.palError != PAL_OK && err.palError != PAL_ERR_NO_MORE) return kNotFound;
-    Logger(3, "DepotFindEntryIndex exit\n");
-    return result;
+    return trace.Exit(result);
 }
 
 DepotEntry* DepotGetEntry_internal(DepotHandle* handle, const PalChar* id, const PalChar* version,
                                    PalList1** sequences) noexcept {
-    Logger(3, "DepotGetEntry_internal entry\n");
+    DepotTrace trace("DepotGetEntry_internal");
     if (sequences != nullptr) *sequences = nullptr;
     if (handle == nullptr || id == nullptr || version == nullptr) {
         RecordFailure(PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0));
@@ -246,8 +230,7 @@ DepotEntry* DepotGetEntry_internal(DepotHandle* handle, const PalChar* id, const
         if (cached != nullptr) {
             if (VerifyEntry(cached)) {
                 RecordFailure(Ok());
-                Logger(3, "DepotGetEntry_internal exit\n");
-                return cached;
+                return trace.Exit(cached);
             }
             // Stale: its file is gone or now holds another key.
             (void)FreeRecordLocked(handle, cached, true);
@@ -263,28 +246,23 @@ DepotEntry* DepotGetEntry_internal(DepotHandle* handle, const PalChar* id, const
     DepotEntry* found =
         ScanBucket(handle, bucket, id, version, sequences != nullptr ? *sequences : nullptr);
     PalMemoryFree(bucket);
-    Logger(3, "DepotGetEntry_internal exit\n");
-    return found;
+    return trace.Exit(found);
 }
 
 DepotEntry* DepotGetEntry(DepotHandle* handle, const PalChar* id, const PalChar* version) noexcept {
-    Logger(3, "DepotGetEntry entry\n");
+    DepotTrace trace("DepotGetEntry");
     if (handle == nullptr) {
         RecordFailure(PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0));
         return nullptr;
     }
-    DepotLock lock(&handle->depotLock, "DepotGetEntry error %d releasing lock\n");
-    PalError err = lock.Acquire();
-    if (err.palError != PAL_OK) {
-        Logger(0, "DepotGetEntry exit.  Error %d(%d) obtaining lock\n", err.palError,
-               err.nativeError);
+    DepotLock lock(&handle->depotLock, trace.op());
+    if (PalError err = trace.Take(lock); err.palError != PAL_OK) {
         RecordFailure(err, "depot.lk");
         return nullptr;
     }
     DepotEntry* entry = DepotGetEntry_internal(handle, id, version, nullptr);
     lock.Release();
-    Logger(3, "DepotGetEntry exit\n");
-    return entry;
+    return trace.Exit(entry);
 }
 
 }  // extern "C"

@@ -12,6 +12,21 @@
 
 using namespace fanout;
 
+namespace {
+
+// Records the data file's size in the entry (and in *bytes when given).
+// REQUIRES: entry lock held.
+PalError ReadSegmentSize(DepotEntry* entry, PalUint64* bytes) noexcept {
+    PalFileInfo info;
+    PalError result = PalFileGetRegularInfo(entry->location, &info);
+    if (result.palError != PAL_OK) return result;
+    entry->segmentSize = static_cast<PalUint64>(info.size);
+    if (bytes != nullptr) *bytes = entry->segmentSize;
+    return result;
+}
+
+}  // namespace
+
 extern "C" {
 
 PalUint32 ConvertDataSize(PalUint64 bytes) noexcept {
@@ -20,95 +35,53 @@ PalUint32 ConvertDataSize(PalUint64 bytes) noexcept {
 }
 
 PalError DepotReserveDiskSpace(DepotHandle* handle, PalUint32 kib) noexcept {
-    Logger(3, "DepotReserveDiskSpace entry\n");
+    DepotTrace trace("DepotReserveDiskSpace");
     if (handle == nullptr) return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
-    DepotLock lock(&handle->depotLock, "DepotReserveDiskSpace error %d releasing lock\n");
-    PalError err = lock.Acquire();
-    if (err.palError != PAL_OK) {
-        Logger(0, "DepotReserveDiskSpace exit.  Error %d(%d) obtaining lock\n", err.palError,
-               err.nativeError);
-        return err;
-    }
-    PalError result = Ok();
-    if (handle->storageLimit != 0) {
-        if (handle->availableSpace >= kib)
-            handle->availableSpace -= kib;
-        else
-            result = PalErrorCreate(PAL_ERR_NO_SPACE, 0, 0);
-    }
-    lock.Release();
-    Logger(3, "DepotReserveDiskSpace exit\n");
-    return result;
+    return RunLocked(trace, &handle->depotLock, [handle, kib]() noexcept {
+        if (handle->storageLimit == 0) return Ok();
+        if (handle->availableSpace < kib) return PalErrorCreate(PAL_ERR_NO_SPACE, 0, 0);
+        handle->availableSpace -= kib;
+        return Ok();
+    });
 }
 
 void DepotUnreserveDiskSpace(DepotHandle* handle, PalUint32 kib) noexcept {
-    Logger(3, "DepotUnreserveDiskSpace entry\n");
+    DepotTrace trace("DepotUnreserveDiskSpace");
     if (handle == nullptr) return;
-    DepotLock lock(&handle->depotLock, "DepotUnreserveDiskSpace error %d releasing lock\n");
-    PalError err = lock.Acquire();
-    if (err.palError != PAL_OK) {
-        Logger(0, "DepotUnreserveDiskSpace exit.  Error %d(%d) obtaining lock\n", err.palError,
-               err.nativeError);
-        return;
-    }
+    DepotLock lock(&handle->depotLock, trace.op());
+    PalError err = trace.Take(lock);
+    if (err.palError != PAL_OK) return;
     // No upper bound: giving back more than was reserved raises the balance
     // above the limit.
     if (handle->storageLimit != 0) handle->availableSpace += kib;
     lock.Release();
-    Logger(3, "DepotUnreserveDiskSpace exit\n");
+    trace.Exit();
 }
 
 PalError DepotSetSegmentSize(DepotHandle* handle, DepotEntry* entry) noexcept {
-    Logger(3, "DepotSetSegmentSize entry\n");
+    DepotTrace trace("DepotSetSegmentSize");
     if (handle == nullptr || entry == nullptr)
         return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
-    DepotLock lock(&handle->entryLock, "DepotSetSegmentSize error %d releasing lock\n");
-    PalError err = lock.Acquire();
-    if (err.palError != PAL_OK) {
-        Logger(0, "DepotSetSegmentSize exit.  Error %d(%d) obtaining lock\n", err.palError,
-               err.nativeError);
-        return err;
-    }
-    PalFileInfo info;
-    PalError result = PalFileGetRegularInfo(entry->location, &info);
-    if (result.palError == PAL_OK) entry->segmentSize = static_cast<PalUint64>(info.size);
-    lock.Release();
-    Logger(3, "DepotSetSegmentSize exit\n");
-    return result;
+    return RunLocked(trace, &handle->entryLock,
+                     [entry]() noexcept { return ReadSegmentSize(entry, nullptr); });
 }
 
 PalError DepotEntryGetFileSize(DepotHandle* handle, DepotEntry* entry, PalUint64* bytes) noexcept {
-    Logger(3, "DepotEntryGetFileSize entry\n");
+    DepotTrace trace("DepotEntryGetFileSize");
     if (handle == nullptr || entry == nullptr)
         return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
-    DepotLock lock(&handle->entryLock, "DepotEntryGetFileSize error %d releasing lock\n");
-    PalError err = lock.Acquire();
-    if (err.palError != PAL_OK) {
-        Logger(0, "DepotEntryGetFileSize exit.  Error %d(%d) obtaining lock\n", err.palError,
-               err.nativeError);
-        return err;
-    }
-    PalFileInfo info;
-    PalError result = PalFileGetRegularInfo(entry->location, &info);
-    if (result.palError == PAL_OK) {
-        auto size = static_cast<PalUint64>(info.size);
-        if (entry->segmentSize != size) entry->segmentSize = size;
-        if (bytes != nullptr) *bytes = size;
-    }
-    lock.Release();
-    Logger(3, "DepotEntryGetFileSize exit\n");
-    return result;
+    return RunLocked(trace, &handle->entryLock,
+                     [entry, bytes]() noexcept { return ReadSegmentSize(entry, bytes); });
 }
 
 PalError DepotAdjustReservedSpace(DepotHandle* handle, const PalChar* id,
                                   const PalChar* version) noexcept {
-    Logger(3, "DepotAdjustReservedSpace entry\n");
+    DepotTrace trace("DepotAdjustReservedSpace");
     DepotEntry* entry = DepotGetEntry(handle, id, version);
     if (entry == nullptr) {
-        Logger(2, "DepotAdjustReservedSpace unable to find depot entry %s^%s\n",
-               id != nullptr ? id : "(null)", version != nullptr ? version : "(null)");
-        Logger(3, "DepotAdjustReservedSpace exit\n");
-        return Ok();
+        Logger(2, "DepotAdjustReservedSpace unable to find depot entry %s^%s\n", OrNull(id),
+               OrNull(version));
+        return trace.Exit(Ok());
     }
     PalFileInfo info;
     PalError result = PalFileGetRegularInfo(entry->location, &info);
@@ -117,21 +90,16 @@ PalError DepotAdjustReservedSpace(DepotHandle* handle, const PalChar* id,
         PalUint64 unused = entry->segmentSize - static_cast<PalUint64>(info.size);
         DepotUnreserveDiskSpace(handle, ConvertDataSize(unused));
     }
-    Logger(3, "DepotAdjustReservedSpace exit\n");
-    return result;
+    return trace.Exit(result);
 }
 
 PalError DepotGetPermStorage(DepotHandle* handle, PalUint32* total) noexcept {
-    Logger(3, "DepotGetPermStorage entry\n");
+    DepotTrace trace("DepotGetPermStorage");
     if (handle == nullptr || total == nullptr)
         return PalErrorCreate(PAL_ERR_INVALID_ARGUMENT, 0, 0);
-    DepotLock lock(&handle->depotLock, "DepotGetPermStorage error %d releasing lock\n");
-    PalError err = lock.Acquire();
-    if (err.palError != PAL_OK) {
-        Logger(0, "DepotGetPermStorage exit.  Error %d(%d) obtaining lock\n", err.palError,
-               err.nativeError);
-        return err;
-    }
+    DepotLock lock(&handle->depotLock, trace.op());
+    PalError err = trace.Take(lock);
+    if (err.palError != PAL_OK) return err;
     DepotEnum* walk = nullptr;
     err = DepotEnumNew(handle, &walk);
     if (err.palError != PAL_OK) {
@@ -158,8 +126,7 @@ PalError DepotGetPermStorage(DepotHandle* handle, PalUint32* total) noexcept {
     if (err.palError != PAL_OK)
         Logger(1, "DepotGetPermStorage error %d freeing enumerator\n", err.palError);
     lock.Release();
-    Logger(3, "DepotGetPermStorage exit\n");
-    return result;
+    return trace.Exit(result);
 }
 
 }  // extern "C"

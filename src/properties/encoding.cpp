@@ -42,7 +42,9 @@
 #include "fanout/exception.h"
 #include "fanout/file.h"
 #include "fanout/properties.h"
-#include "runtime/prefault.h"
+#include "posix/prefault.h"
+#include "runtime/mg_ptr.h"
+#include "runtime/raise.h"
 
 namespace fanout {
 namespace {
@@ -65,9 +67,6 @@ constexpr uint32_t kReadLimit = 16u << 20;
 // file_write take a signed 32-bit count); larger transfers are split.
 constexpr uint32_t kChunk = 1u << 30;
 
-struct MgFree {
-    void operator()(void* block) const noexcept { mg_free(block); }
-};
 using Bytes = std::unique_ptr<uint8_t, MgFree>;
 
 struct AdrFree {
@@ -104,8 +103,8 @@ class FileGuard {
 };
 
 [[noreturn]] void raise_read_failed(const File* f, uint32_t length, int error) {
-    vaThrow(Fanout2Catalog[0], kReadFailed, Fanout2Catalog[kReadFailed], f->path,
-            static_cast<int32_t>(length), static_cast<int32_t>(error));
+    raise_catalogued(kReadFailed, f->path, static_cast<int32_t>(length),
+                     static_cast<int32_t>(error));
 }
 
 struct Encoded {
@@ -232,7 +231,7 @@ void properties_encode(TypeCode tc, const void* value, void** out_data, uint32_t
     marshal_item(buf.get(), tc, const_cast<void*>(value));
     if (int32_t code = buf->error; code != 0) {
         buf.reset();
-        vaThrow(Fanout2Catalog[0], kEncodeFailed, Fanout2Catalog[kEncodeFailed], code);
+        raise_catalogued(kEncodeFailed, code);
     }
     // The data is handed to the caller; only the buffer's record is freed.
     *out_data = buf->data;
@@ -246,7 +245,7 @@ void properties_decode(TypeCode tc, const void* data, uint32_t len, void* out) {
     int32_t code = buf->error;
     buf.reset();
     if (code != 0) {
-        vaThrow(Fanout2Catalog[0], kDecodeFailed, Fanout2Catalog[kDecodeFailed], code);
+        raise_catalogued(kDecodeFailed, code);
     }
 }
 

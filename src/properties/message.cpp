@@ -10,13 +10,10 @@
 #include "fanout/keys.h"
 #include "fanout/message.h"
 #include "fanout/properties.h"
+#include "runtime/mg_ptr.h"
 
 namespace fanout {
 namespace {
-
-struct MgFree {
-    void operator()(void* block) const noexcept { mg_free(block); }
-};
 
 const char* const kCommandNames[] = {"NULL", "DATA", "CANCEL", "PAUSE", "EXPIRE", "ROAM"};
 

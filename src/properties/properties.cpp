@@ -19,18 +19,14 @@
 #include "fanout/file.h"
 #include "fanout/pathname.h"
 #include "fanout/properties.h"
+#include "runtime/mg_ptr.h"
+#include "runtime/raise.h"
 
 namespace fanout {
 namespace {
 
 constexpr int32_t kMissingKey = 36;
 constexpr int32_t kWrongType = 37;
-
-struct MgFree {
-    void operator()(void* block) const noexcept { mg_free(block); }
-};
-template <typename T>
-using MgPtr = std::unique_ptr<T, MgFree>;
 
 // A fresh zeroed header of type T holding a deep copy of src under tc. If the
 // runtime reports that it could not copy, the header is released and the
@@ -135,11 +131,11 @@ void* properties_get(const Properties* p, const char* key, TypeCode tc, int rais
     int32_t i = properties_get_property_index(p, key);
     if (i == -1) {
         if (raise_if_missing == 0) return nullptr;
-        vaThrow(Fanout2Catalog[0], kMissingKey, Fanout2Catalog[kMissingKey], key);
+        raise_catalogued(kMissingKey, key);
     }
     const Any& value = p->buffer[i].value;
     if (!TypeCode_equal(value._type, tc)) {
-        vaThrow(Fanout2Catalog[0], kWrongType, Fanout2Catalog[kWrongType], key);
+        raise_catalogued(kWrongType, key);
     }
     return value._value;
 }

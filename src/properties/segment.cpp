@@ -12,13 +12,10 @@
 #include "fanout/keys.h"
 #include "fanout/properties.h"
 #include "fanout/segment.h"
+#include "runtime/mg_ptr.h"
 
 namespace fanout {
 namespace {
-
-struct MgFree {
-    void operator()(void* block) const noexcept { mg_free(block); }
-};
 
 // A fresh header holding a deep copy of src under tc. When `check` is set, a
 // copy the runtime reports as failed raises its exception; otherwise the

@@ -18,8 +18,8 @@
 #include <vector>
 
 #include "fanout/runtime.h"
+#include "posix/prefault.h"
 #include "runtime/marshal_internal.h"
-#include "runtime/prefault.h"
 #include "runtime/typecode_internal.h"
 
 namespace fanout::cdr {

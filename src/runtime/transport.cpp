@@ -52,6 +52,7 @@
 #include "fanout/log.h"
 #include "fanout/runtime.h"
 #include "fanout/transport.h"
+#include "runtime/mg_ptr.h"
 
 namespace fanout {
 
@@ -95,9 +96,6 @@ constexpr uint32_t kControlMax = 256;
 // What the process channel is called in messages when none is configured.
 constexpr const char* kNoChannel = "FANOUT_IPC";
 
-struct MgFree {
-    void operator()(void* block) const { mg_free(block); }
-};
 using MgBlock = std::unique_ptr<uint8_t, MgFree>;
 using MgText = std::unique_ptr<char, MgFree>;
 
@@ -350,6 +348,7 @@ struct FanoutChannel {
     bool recv_started = false;  // RECVSTART sent by ep_fanout_recv
     bool peer_gone = false;     // recv saw the end of the connection or a reset
     bool poisoned = false;      // a protocol violation was read
+    bool bulk = false;          // the last frame was a large one: see assemble
     MgBlock buffer;             // kReadBuffer octets; [pos, end) unread
     uint32_t pos = 0;
     uint32_t end = 0;
@@ -406,7 +405,8 @@ ssize_t receive_some(FanoutChannel* ch, void* dst, size_t n, const Deadline* dea
 
 // Tops up the read buffer; returns as receive_some does. REQUIRES: fewer than
 // a header's octets are buffered, so compacting always leaves room.
-ssize_t fill(FanoutChannel* ch, const Deadline* deadline) {
+// At most `limit` octets are read (0: as many as fit).
+ssize_t fill(FanoutChannel* ch, const Deadline* deadline, uint32_t limit = 0) {
     if (!ch->buffer) ch->buffer.reset(static_cast<uint8_t*>(mg_malloc(kReadBuffer)));
     if (ch->pos == ch->end) {
         ch->pos = ch->end = 0;
@@ -415,7 +415,9 @@ ssize_t fill(FanoutChannel* ch, const Deadline* deadline) {
         ch->end -= ch->pos;
         ch->pos = 0;
     }
-    ssize_t r = receive_some(ch, ch->buffer.get() + ch->end, kReadBuffer - ch->end, deadline);
+    uint32_t room = kReadBuffer - ch->end;
+    if (limit != 0 && limit < room) room = limit;
+    ssize_t r = receive_some(ch, ch->buffer.get() + ch->end, room, deadline);
     if (r > 0) ch->end += static_cast<uint32_t>(r);
     return r;
 }
@@ -457,13 +459,18 @@ bool assemble(FanoutChannel* ch, const Deadline* deadline, int32_t refusal) {
             a.have_header = true;
             break;
         }
-        ssize_t r = fill(ch, deadline);
+        // After a large frame another usually follows: its header alone is
+        // read, so that its payload goes straight into the caller's block
+        // instead of through the read buffer and a copy.
+        const uint32_t buffered = ch->end - ch->pos;
+        ssize_t r = fill(ch, deadline, ch->bulk ? FANOUT_FRAME_HEADER_SIZE - buffered : 0);
         if (r < 0) return false;
         if (r == 0) {
             if (deadline != nullptr) fail(kLost, ch->name.get());
             return false;
         }
     }
+    ch->bulk = a.h.length >= kDirectRead;
     while (a.got < a.h.length) {
         uint32_t missing = a.h.length - a.got;
         uint32_t buffered = ch->end - ch->pos;

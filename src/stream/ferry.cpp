@@ -42,14 +42,11 @@
 #include "fanout/properties.h"
 #include "fanout/stream.h"
 #include "fanout/thread.h"
+#include "runtime/mg_ptr.h"
+#include "runtime/raise.h"
 
 namespace fanout {
 namespace {
-
-struct MgFree {
-    void operator()(void* block) const noexcept { mg_free(block); }
-};
-using MgString = std::unique_ptr<char, MgFree>;
 
 struct CFree {
     void operator()(void* block) const noexcept { std::free(block); }
@@ -262,7 +259,7 @@ void release_handle(uint32_t handle) {
     const int32_t rc = ferry_funcs.ReleaseFile != nullptr ? ferry_funcs.ReleaseFile(handle) : -1;
     if (rc != 0) {
         ferry_log(kLogError, "fanout: ReleaseFile(%u) failed.  ferry_rc=%d\n", handle, rc);
-        vaThrow(Fanout2Catalog[0], 203, Fanout2Catalog[203], "ReleaseFile", handle, rc);
+        raise_catalogued(203, "ReleaseFile", handle, rc);
     }
 }
 
@@ -288,8 +285,7 @@ int32_t await_download(uint32_t handle, void** data) {
     }
     // A callback that came in the last round still counts.
     if (!g_file_downloaded) {
-        vaThrow(Fanout2Catalog[0], 204, Fanout2Catalog[204], "DownloadFile", handle,
-                kWaitLimitSeconds);
+        raise_catalogued(204, "DownloadFile", handle, kWaitLimitSeconds);
     }
     return 0;
 }
@@ -453,7 +449,7 @@ int32_t ferry_download_next(PropertiesList* toc, FileList* state, void** data) {
 
     // Without the service nothing can start: the same as a failed start.
     if (!ferry_loaded || ferry_funcs.DownloadFile == nullptr) {
-        vaThrow(Fanout2Catalog[0], 203, Fanout2Catalog[203], "DownloadFile", 0u, -1);
+        raise_catalogued(203, "DownloadFile", 0u, -1);
     }
 
     FerryLock lock;
@@ -489,7 +485,7 @@ int32_t ferry_download_next(PropertiesList* toc, FileList* state, void** data) {
             raise_deferred(package, defer_seconds);
         default:
             release_handle(handle);
-            vaThrow(Fanout2Catalog[0], 203, Fanout2Catalog[203], "DownloadFile", 0u, rc);
+            raise_catalogued(203, "DownloadFile", 0u, rc);
     }
     if (path) {
         add_cached_file(state, path.get());

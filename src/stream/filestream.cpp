@@ -19,14 +19,11 @@
 #include "fanout/properties.h"
 #include "fanout/stream.h"
 #include "fanout/transport.h"
+#include "runtime/mg_ptr.h"
 #include "stream/stream_internal.h"
 
 namespace fanout {
 namespace {
-
-struct MgFree {
-    void operator()(void* block) const noexcept { mg_free(block); }
-};
 
 // The segment of the table of contents whose data path is `name`, or null.
 const Properties* segment_for(const PropertiesList* toc, const char* name) {

@@ -12,13 +12,10 @@
 #include "fanout/log.h"
 #include "fanout/properties.h"
 #include "fanout/stream.h"
+#include "runtime/mg_ptr.h"
 
 namespace fanout {
 namespace {
-
-struct MgFree {
-    void operator()(void* block) const noexcept { mg_free(block); }
-};
 
 constexpr int32_t kWriteThreshold = 10240;
 

@@ -19,14 +19,10 @@
 #include "fanout/pathname.h"
 #include "fanout/properties.h"
 #include "fanout/stream.h"
+#include "runtime/mg_ptr.h"
 
 namespace fanout {
 namespace {
-
-struct MgFree {
-    void operator()(void* block) const noexcept { mg_free(block); }
-};
-using MgString = std::unique_ptr<char, MgFree>;
 
 // Builds the file name once and keeps it. False when it cannot be built.
 bool ensure_filename(MStat* m) {

@@ -26,15 +26,12 @@
 #include "fanout/properties.h"
 #include "fanout/stream.h"
 #include "fanout/transport.h"
+#include "runtime/mg_ptr.h"
+#include "runtime/raise.h"
 #include "stream/stream_internal.h"
 
 namespace fanout {
 namespace {
-
-struct MgFree {
-    void operator()(void* block) const noexcept { mg_free(block); }
-};
-using MgString = std::unique_ptr<char, MgFree>;
 
 // The "Couldn't write progress file" texts differ only in the run of blanks
 // before the identifier: 14 for close and the "paused" update, 18 for the
@@ -168,7 +165,7 @@ int32_t write_begin_network(NetStream* s) {
         return status;
     }
     if (status == 0 || static_cast<uint32_t>(status) > FANOUT_FRAME_MAX_PAYLOAD) {
-        vaThrow(Fanout2Catalog[0], 111, Fanout2Catalog[111], fanout_channel_name(handle));
+        raise_catalogued(111, fanout_channel_name(handle));
     }
     s->block_size = status;
     return 0;
@@ -400,7 +397,7 @@ int32_t net_stream_write(NetStream* s, const void* bytes, int32_t count) {
     }
     if (s->buffer == nullptr || s->block_size <= 0 || !(s->type == 2 || s->type == 3 || is_file_type(s->type))) {
         // Nothing to write into: an invalid type, or no write_begin.
-        vaThrow(Fanout2Catalog[0], 29, Fanout2Catalog[29], s->type);
+        raise_catalogued(29, s->type);
     }
     const auto* in = static_cast<const uint8_t*>(bytes);
     auto left = static_cast<uint32_t>(count);
@@ -541,7 +538,7 @@ void net_stream_close(NetStream* s) {
     default:
         // Type 3 opens but is deliberately not among the types that close:
         // its record stays with the caller (net_stream_release frees it).
-        vaThrow(Fanout2Catalog[0], 30, Fanout2Catalog[30], s->type);
+        raise_catalogued(30, s->type);
     }
     net_stream_release(s);
 }

@@ -43,15 +43,12 @@
 #include "fanout/pathname.h"
 #include "fanout/properties.h"
 #include "fanout/stream.h"
+#include "runtime/mg_ptr.h"
+#include "runtime/raise.h"
 #include "stream/stream_internal.h"
 
 namespace fanout {
 namespace {
-
-struct MgFree {
-    void operator()(void* block) const noexcept { mg_free(block); }
-};
-using MgString = std::unique_ptr<char, MgFree>;
 
 // A Toc that borrows its list: its views go, the list stays.
 struct TocViewFree {
@@ -296,7 +293,7 @@ void search_remote_directories(TocSearch* search, Kel_Types_StringList* files) {
     std::unique_ptr<std::FILE, FileClose> in(datdir != nullptr ? std::fopen(path.c_str(), "re")
                                                                : nullptr);
     if (!in) {
-        vaThrow(Fanout2Catalog[0], 170, Fanout2Catalog[170], path.c_str());
+        raise_catalogued(170, path.c_str());
     }
     char line[4096];
     while (!all_found(search) && std::fgets(line, sizeof line, in.get()) != nullptr) {
@@ -537,8 +534,7 @@ void fetch_sizes(NetStream* s, PropertiesList* toc) {
                                                     seg->ferry_username, seg->ferry_password, &size)
                     : -1;
             if (result != 0) {
-                vaThrow(Fanout2Catalog[0], 203, Fanout2Catalog[203], "GetSingleFileSize", 0u,
-                        result);
+                raise_catalogued(203, "GetSingleFileSize", 0u, result);
             }
             properties_put_long_dup(seg->props, SEGMENT_SIZE_KEY,
                                     static_cast<int32_t>(static_cast<uint32_t>(size)));
@@ -560,8 +556,8 @@ void fetch_sizes(NetStream* s, PropertiesList* toc) {
             const char* name = decode_command(status);
             const std::string command = name != nullptr ? name : std::to_string(status);
             const Segment* seg = rec->toc->segments[i];
-            vaThrow(Fanout2Catalog[0], 211, Fanout2Catalog[211],
-                    seg->ferry_packageid != nullptr ? seg->ferry_packageid : "", command.c_str());
+            raise_catalogued(211, seg->ferry_packageid != nullptr ? seg->ferry_packageid : "",
+                             command.c_str());
         }
         rec->found[i] = 1;
         ++rec->found_count;
@@ -581,7 +577,7 @@ extern "C" {
 
 void net_stream_save_modified_toc(NetStream* s, const PropertiesList* toc) {
     if (toc == nullptr) {
-        vaThrow(Fanout2Catalog[0], 31, Fanout2Catalog[31]);
+        raise_catalogued(31);
     }
     PropertiesList* clone = properties_list_clone(toc);
     properties_list_delete(s->toc);
@@ -599,7 +595,7 @@ void net_stream_save_modified_toc(NetStream* s, const PropertiesList* toc) {
             for (uint32_t i = 0; i < rec->toc->count; ++i) {
                 if (!rec->found[i]) {
                     const Segment* seg = rec->toc->segments[i];
-                    vaThrow(Fanout2Catalog[0], 182, Fanout2Catalog[182], seg->id, seg->version);
+                    raise_catalogued(182, seg->id, seg->version);
                 }
             }
         }

@@ -20,8 +20,7 @@
 #include <cstring>
 
 #include "fanout/palmemory.h"
-#include "runtime/prefault.h"
-
+#include "posix/prefault.h"
 
 extern "C" const PalChar Base64Digits[65] =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";

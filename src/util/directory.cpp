@@ -15,6 +15,7 @@
 #include "fanout/exception.h"
 #include "fanout/pathname.h"
 #include "fanout/runtime.h"
+#include "runtime/raise.h"
 
 namespace {
 
@@ -128,10 +129,10 @@ void dir_entry_enum_delete(DirEntryEnum* e)
 void dir_create_directory(const char* path)
 {
     if (path == nullptr) {
-        vaThrow(Fanout2Catalog[0], 9, Fanout2Catalog[9]);
+        fanout::raise_catalogued(9);
     }
     if (mkdir(path, 0700) != 0) {
-        vaThrow(Fanout2Catalog[0], 10, Fanout2Catalog[10], path);
+        fanout::raise_catalogued(10, path);
     }
 }
 

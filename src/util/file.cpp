@@ -22,6 +22,7 @@
 #include "fanout/catalog.h"
 #include "fanout/exception.h"
 #include "fanout/runtime.h"
+#include "runtime/raise.h"
 
 namespace {
 
@@ -67,7 +68,7 @@ File* file_open(const char* path, int32_t oflag)
     File* f = file_object_new(path);
     int error = 0;
     if (!open_object(f, oflag, 0, &error)) {
-        vaThrow(Fanout2Catalog[0], 11, Fanout2Catalog[11], path);
+        fanout::raise_catalogued(11, path);
     }
     return f;
 }
@@ -77,7 +78,7 @@ File* file_create(const char* path, int32_t oflag, uint32_t mode)
     File* f = file_object_new(path);
     int error = 0;
     if (!open_object(f, oflag | O_CREAT, static_cast<mode_t>(mode), &error)) {
-        vaThrow(Fanout2Catalog[0], 12, Fanout2Catalog[12], path, error);
+        fanout::raise_catalogued(12, path, error);
     }
     return f;
 }
@@ -90,12 +91,12 @@ int32_t file_is_open(const File* f)
 void file_close(File* f)
 {
     if (f == nullptr) {
-        vaThrow(Fanout2Catalog[0], 13, Fanout2Catalog[13]);
+        fanout::raise_catalogued(13);
     }
     // A closed object still calls close(-1), which fails: closing twice is
     // reported, not ignored.
     if (close(f->fd) != 0) {
-        vaThrow(Fanout2Catalog[0], 14, Fanout2Catalog[14], f->path);
+        fanout::raise_catalogued(14, f->path);
     }
     f->fd = -1;
 }
@@ -103,17 +104,17 @@ void file_close(File* f)
 void file_remove(File* f)
 {
     if (f == nullptr) {
-        vaThrow(Fanout2Catalog[0], 15, Fanout2Catalog[15]);
+        fanout::raise_catalogued(15);
     }
     if (std::remove(f->path) != 0) {
-        vaThrow(Fanout2Catalog[0], 16, Fanout2Catalog[16], f->path);
+        fanout::raise_catalogued(16, f->path);
     }
 }
 
 void file_delete(File* f)
 {
     if (f == nullptr) {
-        vaThrow(Fanout2Catalog[0], 17, Fanout2Catalog[17]);
+        fanout::raise_catalogued(17);
     }
     if (file_is_open(f)) {
         file_close(f);
@@ -124,14 +125,14 @@ void file_delete(File* f)
 int32_t file_read(File* f, void* buffer, int32_t len)
 {
     if (f == nullptr) {
-        vaThrow(Fanout2Catalog[0], 18, Fanout2Catalog[18]);
+        fanout::raise_catalogued(18);
     }
     // A negative length is refused as the host refuses a count it cannot
     // represent (EINVAL) rather than handed on as a huge count.
     const ssize_t n = len < 0 ? -1 : read(f->fd, buffer, static_cast<size_t>(len));
     if (n < 0) {
         const int error = len < 0 ? EINVAL : errno;
-        vaThrow(Fanout2Catalog[0], 19, Fanout2Catalog[19], f->path, len, error);
+        fanout::raise_catalogued(19, f->path, len, error);
     }
     return static_cast<int32_t>(n);
 }
@@ -139,13 +140,13 @@ int32_t file_read(File* f, void* buffer, int32_t len)
 int32_t file_write(File* f, const void* buffer, int32_t len)
 {
     if (f == nullptr) {
-        vaThrow(Fanout2Catalog[0], 20, Fanout2Catalog[20]);
+        fanout::raise_catalogued(20);
     }
     // A negative length cannot be written in full: it fails like a short
     // write, without calling the host.
     const ssize_t n = len < 0 ? -1 : write(f->fd, buffer, static_cast<size_t>(len));
     if (n < 0 || n != static_cast<ssize_t>(len)) {
-        vaThrow(Fanout2Catalog[0], 21, Fanout2Catalog[21], f->path, len);
+        fanout::raise_catalogued(21, f->path, len);
     }
     return len;
 }
@@ -153,12 +154,12 @@ int32_t file_write(File* f, const void* buffer, int32_t len)
 uint32_t file_seek(File* f, uint32_t offset)
 {
     if (f == nullptr) {
-        vaThrow(Fanout2Catalog[0], 22, Fanout2Catalog[22]);
+        fanout::raise_catalogued(22);
     }
     const off_t pos = lseek(f->fd, static_cast<off_t>(offset), SEEK_SET);
     if (pos < 0) {
         const int error = errno;
-        vaThrow(Fanout2Catalog[0], 23, Fanout2Catalog[23], f->path, error);
+        fanout::raise_catalogued(23, f->path, error);
     }
     return static_cast<uint32_t>(pos);
 }
@@ -167,7 +168,7 @@ uint32_t file_get_size(const char* path)
 {
     struct stat st;
     if (stat(path, &st) != 0) {
-        vaThrow(Fanout2Catalog[0], 24, Fanout2Catalog[24], path);
+        fanout::raise_catalogued(24, path);
     }
     return static_cast<uint32_t>(st.st_size);
 }
@@ -175,7 +176,7 @@ uint32_t file_get_size(const char* path)
 int32_t file_access(const char* path, int32_t mode)
 {
     if (access(path, mode) != 0) {
-        vaThrow(Fanout2Catalog[0], 25, Fanout2Catalog[25], path, mode);
+        fanout::raise_catalogued(25, path, mode);
     }
     return 0;
 }

@@ -15,6 +15,7 @@
 #include "fanout/exception.h"
 #include "fanout/file.h"
 #include "fanout/runtime.h"
+#include "runtime/raise.h"
 
 namespace {
 
@@ -59,7 +60,7 @@ void* seq_replace(void* s, const void* item, uint32_t index, uint32_t size)
 {
     auto* seq = static_cast<GenericSeq*>(s);
     if (index >= seq->length) {
-        vaThrow(Fanout2Catalog[0], 39, Fanout2Catalog[39], index, seq->length);
+        fanout::raise_catalogued(39, index, seq->length);
     }
     char* element = static_cast<char*>(seq->buffer) + static_cast<size_t>(index) * size;
     void* old = mg_malloc(size);

@@ -14,6 +14,7 @@
 #include "fanout/catalog.h"
 #include "fanout/exception.h"
 #include "fanout/runtime.h"
+#include "runtime/raise.h"
 
 namespace {
 
@@ -51,7 +52,7 @@ char* pathname_new(void)
 char* pathname_clone(const char* src)
 {
     if (src == nullptr) {
-        vaThrow(Fanout2Catalog[0], 32, Fanout2Catalog[32]);
+        fanout::raise_catalogued(32);
     }
     char* p = pathname_new();
     std::strcpy(p, src);  // unbounded on purpose: callers keep within 1024
@@ -69,7 +70,7 @@ char* pathname_append(char* p, const char* s)
     // leaves p with its trailing '/'.
     add_separator(p);
     if (s == nullptr) {
-        vaThrow(Fanout2Catalog[0], 33, Fanout2Catalog[33]);
+        fanout::raise_catalogued(33);
     }
     std::strcat(p, s);
     return p;

@@ -1,4 +1,5 @@
-// prefault.h - populating large fresh blocks before they are written.
+// prefault.h - populating large fresh blocks before they are written: the
+// portability layer's one piece of memory advice to the host (madvise).
 //
 // Large blocks come from the kernel as untouched pages, and on virtual
 // machines faulting them in one page at a time costs far more than the
@@ -6,8 +7,8 @@
 // from front to back, ask once for huge pages and for the range to be
 // populated. This is advice only: the block stays an ordinary heap block,
 // its contents are unchanged, and a kernel that refuses changes nothing.
-#ifndef FANOUT_RUNTIME_PREFAULT_H
-#define FANOUT_RUNTIME_PREFAULT_H
+#ifndef FANOUT_SRC_POSIX_PREFAULT_H
+#define FANOUT_SRC_POSIX_PREFAULT_H
 
 #include <cstddef>
 #include <cstdint>
@@ -40,4 +41,4 @@ inline void prefault_for_write(void* block, std::size_t bytes) noexcept {
 
 }  // namespace fanout
 
-#endif  // FANOUT_RUNTIME_PREFAULT_H
+#endif  // FANOUT_SRC_POSIX_PREFAULT_H
