@@ -5,7 +5,9 @@
 // Sends go out in one sendmsg per attempt (header and payload gathered) with
 // MSG_NOSIGNAL; receives go through a per-channel read buffer so that a header
 // and a small payload arrive in one recv, while the bulk of a large payload is
-// read straight into the block handed to the caller. Every socket call is made
+// read straight into the block handed to the caller (after a large frame the
+// next header and payload come in one receive, the payload into a block of
+// the last frame's size). Every socket call is made
 // with MSG_DONTWAIT and waits, when it must, in poll() with what is left of the
 // channel's time-out, so EINTR, short transfers and the time-out are handled in
 // one place and the descriptor's own blocking mode never matters.
@@ -348,7 +350,7 @@ struct FanoutChannel {
     bool recv_started = false;  // RECVSTART sent by ep_fanout_recv
     bool peer_gone = false;     // recv saw the end of the connection or a reset
     bool poisoned = false;      // a protocol violation was read
-    bool bulk = false;          // the last frame was a large one: see assemble
+    uint32_t last_length = 0;   // of the last frame assembled: see assemble
     MgBlock buffer;             // kReadBuffer octets; [pos, end) unread
     uint32_t pos = 0;
     uint32_t end = 0;
@@ -382,13 +384,17 @@ void wait_for(FanoutChannel* ch, short events, const Deadline& deadline) {
 
 // Receives up to `n` octets into `dst`. Returns the count, 0 when the peer has
 // gone, or -1 when nothing is there and `deadline` is null (do not wait).
-ssize_t receive_some(FanoutChannel* ch, void* dst, size_t n, const Deadline* deadline) {
+// The same into the `count` parts of `parts`, filled in order.
+ssize_t receive_parts(FanoutChannel* ch, iovec* parts, int count, const Deadline* deadline) {
     // Without a time-out a blocking receive costs one call where a look and
     // a poll would cost three (a socket the caller made non-blocking still
     // answers EAGAIN, and then waits in poll).
     const int flags = deadline != nullptr && deadline->forever() ? 0 : MSG_DONTWAIT;
+    msghdr msg{};
+    msg.msg_iov = parts;
+    msg.msg_iovlen = static_cast<decltype(msg.msg_iovlen)>(count);
     while (!ch->peer_gone) {
-        ssize_t r = recv(ch->fd, dst, n, flags);
+        ssize_t r = recvmsg(ch->fd, &msg, flags);
         if (r > 0) return r;
         if (r == 0) break;
         if (errno == EINTR) continue;
@@ -403,10 +409,14 @@ ssize_t receive_some(FanoutChannel* ch, void* dst, size_t n, const Deadline* dea
     return 0;
 }
 
+ssize_t receive_some(FanoutChannel* ch, void* dst, size_t n, const Deadline* deadline) {
+    iovec part{dst, n};
+    return receive_parts(ch, &part, 1, deadline);
+}
+
 // Tops up the read buffer; returns as receive_some does. REQUIRES: fewer than
 // a header's octets are buffered, so compacting always leaves room.
-// At most `limit` octets are read (0: as many as fit).
-ssize_t fill(FanoutChannel* ch, const Deadline* deadline, uint32_t limit = 0) {
+ssize_t fill(FanoutChannel* ch, const Deadline* deadline) {
     if (!ch->buffer) ch->buffer.reset(static_cast<uint8_t*>(mg_malloc(kReadBuffer)));
     if (ch->pos == ch->end) {
         ch->pos = ch->end = 0;
@@ -415,9 +425,7 @@ ssize_t fill(FanoutChannel* ch, const Deadline* deadline, uint32_t limit = 0) {
         ch->end -= ch->pos;
         ch->pos = 0;
     }
-    uint32_t room = kReadBuffer - ch->end;
-    if (limit != 0 && limit < room) room = limit;
-    ssize_t r = receive_some(ch, ch->buffer.get() + ch->end, room, deadline);
+    ssize_t r = receive_some(ch, ch->buffer.get() + ch->end, kReadBuffer - ch->end, deadline);
     if (r > 0) ch->end += static_cast<uint32_t>(r);
     return r;
 }
@@ -446,6 +454,10 @@ void reserve(Assembly& a, uint32_t want) {
 // raises `refusal` before its payload gets a block.
 bool assemble(FanoutChannel* ch, const Deadline* deadline, int32_t refusal) {
     Assembly& a = ch->partial;
+    // Octets of the payload that a speculative receive (below) put past the
+    // header, straight into a block of their own.
+    MgBlock early;
+    uint32_t early_count = 0, early_capacity = 0;
     while (!a.have_header) {
         if (ch->end - ch->pos >= FANOUT_FRAME_HEADER_SIZE) {
             const uint8_t* p = ch->buffer.get() + ch->pos;
@@ -459,18 +471,48 @@ bool assemble(FanoutChannel* ch, const Deadline* deadline, int32_t refusal) {
             a.have_header = true;
             break;
         }
-        // After a large frame another usually follows: its header alone is
-        // read, so that its payload goes straight into the caller's block
-        // instead of through the read buffer and a copy.
-        const uint32_t buffered = ch->end - ch->pos;
-        ssize_t r = fill(ch, deadline, ch->bulk ? FANOUT_FRAME_HEADER_SIZE - buffered : 0);
+        ssize_t r;
+        if (ch->last_length >= kDirectRead && ch->pos == ch->end && ch->buffer) {
+            // After a large frame another of its size usually follows: one
+            // receive takes the header into the read buffer and what follows
+            // into a block of that size (at most a read buffer's worth, so a
+            // hostile length costs no more than the buffer does), which
+            // becomes the payload without a copy when the header agrees.
+            ch->pos = ch->end = 0;
+            early_capacity = ch->last_length < kReadBuffer ? ch->last_length : kReadBuffer;
+            early.reset(static_cast<uint8_t*>(mg_malloc(early_capacity)));
+            iovec parts[2] = {{ch->buffer.get(), FANOUT_FRAME_HEADER_SIZE},
+                              {early.get(), early_capacity}};
+            r = receive_parts(ch, parts, 2, deadline);
+            if (r > 0) {
+                const auto n = static_cast<uint32_t>(r);
+                ch->end = n < FANOUT_FRAME_HEADER_SIZE ? n : FANOUT_FRAME_HEADER_SIZE;
+                early_count = n - ch->end;
+            }
+        } else {
+            r = fill(ch, deadline);
+        }
         if (r < 0) return false;
         if (r == 0) {
             if (deadline != nullptr) fail(kLost, ch->name.get());
             return false;
         }
     }
-    ch->bulk = a.h.length >= kDirectRead;
+    if (early_count > 0) {
+        // The header is read and accepted: the early octets are its payload's
+        // start, and any beyond its length (the next frames) go back to the
+        // read buffer, which the header alone occupied.
+        const uint32_t take = early_count < a.h.length ? early_count : a.h.length;
+        ch->pos = ch->end = 0;
+        std::memcpy(ch->buffer.get(), early.get() + take, early_count - take);
+        ch->end = early_count - take;
+        if (take > 0) {
+            a.payload = std::move(early);
+            a.capacity = early_capacity;
+            a.got = take;
+        }
+    }
+    ch->last_length = a.h.length;
     while (a.got < a.h.length) {
         uint32_t missing = a.h.length - a.got;
         uint32_t buffered = ch->end - ch->pos;
