@@ -53,7 +53,8 @@ void BM_Baseline_Snprintf(benchmark::State& state) {
         char text[160];
         std::snprintf(text, sizeof text,
                       "Cannot read from file %s. The number of bytes to read was %s and the "
-                      "error code is %s.\n", "/var/f", "4096", "5");
+                      "error code is %s.\n",
+                      "/var/f", "4096", "5");
         benchmark::DoNotOptimize(text);
     }
 }

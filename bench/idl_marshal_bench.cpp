@@ -28,7 +28,8 @@ constexpr uint32_t kBigOctets = 1u << 20;
 
 /* ------------------------------------------------------------- our values */
 
-template <typename T> Any any_of(TypeCode tc, T v) {
+template <typename T>
+Any any_of(TypeCode tc, T v) {
     void* p = mg_malloc(sizeof(T));
     std::memcpy(p, &v, sizeof(T));
     return Any{tc, p};
@@ -120,10 +121,18 @@ void ours_decode(benchmark::State& state, Properties (*make)()) {
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes.size()));
 }
 
-void BM_Message30_Encode_Ours(benchmark::State& s) { ours_encode(s, message_list); }
-void BM_Message30_Decode_Ours(benchmark::State& s) { ours_decode(s, message_list); }
-void BM_Octets1M_Encode_Ours(benchmark::State& s) { ours_encode(s, big_list); }
-void BM_Octets1M_Decode_Ours(benchmark::State& s) { ours_decode(s, big_list); }
+void BM_Message30_Encode_Ours(benchmark::State& s) {
+    ours_encode(s, message_list);
+}
+void BM_Message30_Decode_Ours(benchmark::State& s) {
+    ours_decode(s, message_list);
+}
+void BM_Octets1M_Encode_Ours(benchmark::State& s) {
+    ours_encode(s, big_list);
+}
+void BM_Octets1M_Decode_Ours(benchmark::State& s) {
+    ours_decode(s, big_list);
+}
 BENCHMARK(BM_Message30_Encode_Ours);
 BENCHMARK(BM_Message30_Decode_Ours);
 BENCHMARK(BM_Octets1M_Encode_Ours);
@@ -249,10 +258,18 @@ void orb_decode(benchmark::State& state, Kel_Fanout2::Properties (*make)()) {
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * bytes.size()));
 }
 
-void BM_Message30_Encode_OmniORB(benchmark::State& s) { orb_encode(s, orb_message_list); }
-void BM_Message30_Decode_OmniORB(benchmark::State& s) { orb_decode(s, orb_message_list); }
-void BM_Octets1M_Encode_OmniORB(benchmark::State& s) { orb_encode(s, orb_big_list); }
-void BM_Octets1M_Decode_OmniORB(benchmark::State& s) { orb_decode(s, orb_big_list); }
+void BM_Message30_Encode_OmniORB(benchmark::State& s) {
+    orb_encode(s, orb_message_list);
+}
+void BM_Message30_Decode_OmniORB(benchmark::State& s) {
+    orb_decode(s, orb_message_list);
+}
+void BM_Octets1M_Encode_OmniORB(benchmark::State& s) {
+    orb_encode(s, orb_big_list);
+}
+void BM_Octets1M_Decode_OmniORB(benchmark::State& s) {
+    orb_decode(s, orb_big_list);
+}
 BENCHMARK(BM_Message30_Encode_OmniORB);
 BENCHMARK(BM_Message30_Decode_OmniORB);
 BENCHMARK(BM_Octets1M_Encode_OmniORB);

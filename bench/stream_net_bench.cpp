@@ -35,7 +35,9 @@ namespace {
 constexpr size_t kBlock = 16384;
 constexpr size_t kChunk = 65536;
 
-size_t total_bytes(int64_t mib) { return static_cast<size_t>(mib) << 20; }
+size_t total_bytes(int64_t mib) {
+    return static_cast<size_t>(mib) << 20;
+}
 
 // A connected pair of sockets: a Unix socket pair, or two ends of a TCP
 // loopback connection.
@@ -170,7 +172,7 @@ void transfer(Mode mode, bool tcp, size_t total, long* writer_rss, long* reader_
         close(w[0]);
         close(r[0]);
     }
-    struct rusage ru{};
+    struct rusage ru {};
     int status = 0;
     wait4(writer, &status, 0, &ru);
     *writer_rss = ru.ru_maxrss;
@@ -252,9 +254,9 @@ void register_all() {
     const int64_t mib = bench_mib();
     for (bool tcp : {false, true}) {
         const std::string t = tcp ? "tcp" : "unix";
-        for (auto [mode, name] : {std::pair{Mode::Stream, "stream"},
-                                  std::pair{Mode::RawReply, "raw_reply"},
-                                  std::pair{Mode::RawStream, "raw_stream"}}) {
+        for (auto [mode, name] :
+             {std::pair{Mode::Stream, "stream"}, std::pair{Mode::RawReply, "raw_reply"},
+              std::pair{Mode::RawStream, "raw_stream"}}) {
             benchmark::RegisterBenchmark(("transfer/" + t + "/" + name).c_str(), BM_Transfer, mode,
                                          tcp)
                 ->Arg(64)
@@ -265,9 +267,15 @@ void register_all() {
         }
     }
     benchmark::RegisterBenchmark("file/stream_read", BM_FileStreamRead)
-        ->Arg(mib)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
+        ->Arg(mib)
+        ->Unit(benchmark::kMillisecond)
+        ->UseRealTime()
+        ->Iterations(5);
     benchmark::RegisterBenchmark("file/plain_read_16k", BM_PlainReadLoop)
-        ->Arg(mib)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
+        ->Arg(mib)
+        ->Unit(benchmark::kMillisecond)
+        ->UseRealTime()
+        ->Iterations(5);
 }
 
 }  // namespace

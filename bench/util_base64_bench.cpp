@@ -112,8 +112,12 @@ void RunCoreutils(benchmark::State& state, bool decode) {
                             (decode ? d.text.size() : kSize));
 }
 
-void BM_Coreutils_Encode(benchmark::State& state) { RunCoreutils(state, false); }
-void BM_Coreutils_Decode(benchmark::State& state) { RunCoreutils(state, true); }
+void BM_Coreutils_Encode(benchmark::State& state) {
+    RunCoreutils(state, false);
+}
+void BM_Coreutils_Decode(benchmark::State& state) {
+    RunCoreutils(state, true);
+}
 
 }  // namespace
 

@@ -67,8 +67,8 @@ static int marshal_properties(void) {
     Properties back = {0, 0, NULL};
     AdrBuffer* in = adr_init_decode_buffer(out->data, out->length);
     marshal_item(in, TC_Kel_Fanout2_Properties, &back);
-    int equal = in->error == ADR_OK &&
-                _generic_equal(TC_Kel_Fanout2_Properties, NULL, &props, &back) != 0;
+    int equal =
+        in->error == ADR_OK && _generic_equal(TC_Kel_Fanout2_Properties, NULL, &props, &back) != 0;
     printf("decoded copy equal: %s\n", equal ? "yes" : "no");
 
     adr_free_buf(in);

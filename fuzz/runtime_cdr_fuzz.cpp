@@ -20,16 +20,35 @@ namespace {
 const char* const kPropertyNames[] = {"key", "value"};
 const TypeCodeRec* const kPropertyTypes[] = {&_tc_rec_string, &_tc_rec_any};
 const uint32_t kPropertyOffsets[] = {offsetof(Property, key), offsetof(Property, value)};
-const TypeCodeRec kProperty = {FANOUT_TK_STRUCT, -1, "IDL:Kel_Fanout2/Property:1.0",
-                               "Property", "Property", sizeof(Property), alignof(Property),
-                               0, 2, kPropertyNames, kPropertyTypes, kPropertyOffsets};
+const TypeCodeRec kProperty = {FANOUT_TK_STRUCT,
+                               -1,
+                               "IDL:Kel_Fanout2/Property:1.0",
+                               "Property",
+                               "Property",
+                               sizeof(Property),
+                               alignof(Property),
+                               0,
+                               2,
+                               kPropertyNames,
+                               kPropertyTypes,
+                               kPropertyOffsets};
 const TypeCodeRec* const kPropertyElem[] = {&kProperty};
-const TypeCodeRec kPropertySeq = {FANOUT_TK_SEQUENCE, -1, "", "", "", sizeof(Properties),
-                                  alignof(Properties), 0, 1, nullptr, kPropertyElem, nullptr};
+const TypeCodeRec kPropertySeq = {
+    FANOUT_TK_SEQUENCE, -1,     "", "", "", sizeof(Properties), alignof(Properties), 0, 1, nullptr,
+    kPropertyElem,      nullptr};
 const TypeCodeRec* const kPropertiesNamed[] = {&kPropertySeq};
-const TypeCodeRec kProperties = {FANOUT_TK_ALIAS, -1, "IDL:Kel_Fanout2/Properties:1.0",
-                                 "Properties", "Properties", sizeof(Properties),
-                                 alignof(Properties), 0, 1, nullptr, kPropertiesNamed, nullptr};
+const TypeCodeRec kProperties = {FANOUT_TK_ALIAS,
+                                 -1,
+                                 "IDL:Kel_Fanout2/Properties:1.0",
+                                 "Properties",
+                                 "Properties",
+                                 sizeof(Properties),
+                                 alignof(Properties),
+                                 0,
+                                 1,
+                                 nullptr,
+                                 kPropertiesNamed,
+                                 nullptr};
 
 std::vector<uint8_t> encode(TypeCode tc, void* value) {
     AdrBuffer* b = adr_init_encode_buffer();

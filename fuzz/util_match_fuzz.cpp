@@ -22,8 +22,7 @@
 namespace {
 
 /* One bracket expression at p (after the '['): 1 member, 0 not, -2 bad. */
-int set_step(const char* p, char c, const char** after)
-{
+int set_step(const char* p, char c, const char** after) {
     const bool negate = *p == '^';
     p += negate ? 1 : 0;
     if (negate && *p == '\0') {
@@ -48,8 +47,7 @@ int set_step(const char* p, char c, const char** after)
     return in != negate ? 1 : 0;
 }
 
-int reference(const char* base, const char* p, const char* s)
-{
+int reference(const char* base, const char* p, const char* s) {
     while (*p != '\0' && *s != '\0') {
         if (*p == '*') {
             if (p[1] == '\0') {
@@ -92,14 +90,12 @@ int reference(const char* base, const char* p, const char* s)
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***)
-{
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
     std::setlocale(LC_CTYPE, "");
     return 0;
 }
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
-{
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const char* begin = reinterpret_cast<const char*>(data);
     const char* nul = static_cast<const char*>(std::memchr(begin, '\0', size));
     const std::string pat(begin, nul != nullptr ? nul : begin + size);

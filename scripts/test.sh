@@ -2,12 +2,15 @@
 # Installs what is missing, then builds and runs the whole suite: the dev
 # preset, the same suite under AddressSanitizer and UndefinedBehaviorSanitizer,
 # the same suite built for 32-bit x86 (gcc -m32), and every libFuzzer target
-# for a short run. Fails when any step fails or
-# when the suite leaves a System V semaphore set behind.
+# for a short run, after checking that every source is formatted. Fails when
+# any step fails or when the suite leaves a System V semaphore set behind.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/deps.sh
 fuzz_seconds=${FANOUT_FUZZ_SECONDS:-30}
+
+echo "=== formatting"
+bash scripts/format.sh --check
 
 sems_before=$(ipcs -s | awk '$1 ~ /^0x/ {print $2}' | sort)
 scratch() { ls -d /tmp/fanout* /tmp/depot_test_* 2>/dev/null | sort || true; }

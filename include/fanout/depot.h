@@ -96,20 +96,20 @@ typedef struct DepotHandle {
 /* One entry's record. The fields marked "file" are persisted in the entry
  * file; the others live only in the record. */
 typedef struct DepotEntry {
-    PalUint64 segmentSize;     /* data file size as last read */
-    PalInt32 referenceCount;   /* file: completed registrations */
-    PalInt32 openCount;        /* opens of the data file */
-    PalInt32 writeCount;       /* opens of the data file for writing */
-    PalInt32 deadline;         /* file: seconds since 1970; purgeable after it */
-    PalInt32 lastAccessTime;   /* last open of the data file */
-    PalInt32 lastWriteTime;    /* last open for writing: the modification stamp */
-    PalInt32 checksum;         /* file: as given by the caller, never computed */
-    PalInt32 state;            /* file: DEPOT_STATE_* */
-    PalChar* id;               /* file: segment identifier (owned) */
-    PalChar* version;          /* file: segment version (owned) */
-    PalChar* entryFilePath;    /* full path of the entry file (owned) */
-    PalChar* location;         /* file: full path of the data file (owned) */
-    PalUint8* properties;      /* file (base64): encoded property list (owned) */
+    PalUint64 segmentSize;      /* data file size as last read */
+    PalInt32 referenceCount;    /* file: completed registrations */
+    PalInt32 openCount;         /* opens of the data file */
+    PalInt32 writeCount;        /* opens of the data file for writing */
+    PalInt32 deadline;          /* file: seconds since 1970; purgeable after it */
+    PalInt32 lastAccessTime;    /* last open of the data file */
+    PalInt32 lastWriteTime;     /* last open for writing: the modification stamp */
+    PalInt32 checksum;          /* file: as given by the caller, never computed */
+    PalInt32 state;             /* file: DEPOT_STATE_* */
+    PalChar* id;                /* file: segment identifier (owned) */
+    PalChar* version;           /* file: segment version (owned) */
+    PalChar* entryFilePath;     /* full path of the entry file (owned) */
+    PalChar* location;          /* file: full path of the data file (owned) */
+    PalUint8* properties;       /* file (base64): encoded property list (owned) */
     PalUint32 propertiesLength; /* length of properties in bytes */
     PalFileHandle writerLock;   /* this process's writer lock on the entry file
                                  * while it adds the entry (owned; null else) */
@@ -117,9 +117,9 @@ typedef struct DepotEntry {
 
 /* An enumeration over every entry file of a depot (DepotEnumNew). */
 typedef struct DepotEnum {
-    DepotHandle* depot;  /* the depot walked (borrowed) */
-    PalSemHandle lock;   /* the enumerator's lock, keyed on "enum.lk" */
-    PalDirHandle dir;    /* the open depot directory */
+    DepotHandle* depot; /* the depot walked (borrowed) */
+    PalSemHandle lock;  /* the enumerator's lock, keyed on "enum.lk" */
+    PalDirHandle dir;   /* the open depot directory */
 } DepotEnum;
 
 /* ---------------------------------------------------------------- handle */
@@ -186,8 +186,7 @@ FANOUT_EXPORT DepotEntry* DepotEntryNew(void) FANOUT_NOEXCEPT;
  * PAL_ERR_INVALID_ARGUMENT (a field that holds tag text); the outputs are then
  * untouched. */
 FANOUT_EXPORT PalError DepotEntrySetProperties(DepotHandle* handle, DepotEntry* entry,
-                                               PalChar** text,
-                                               PalUint32* length) FANOUT_NOEXCEPT;
+                                               PalChar** text, PalUint32* length) FANOUT_NOEXCEPT;
 
 /* Parses a zero-terminated entry-file text into a new record appended to the
  * handle's `entries` (entryFilePath is left null for the caller to set).
@@ -327,8 +326,7 @@ FANOUT_EXPORT PalError DepotRemoveEntry_internal(DepotHandle* handle, DepotEntry
  * holds the writer lock, or another open of the entry file (in this or
  * another process) does. False for a stale entry, whose writer died or gave
  * its record up, and when the entry file cannot be opened. */
-FANOUT_EXPORT PalBool DepotEntryWriterAlive(DepotHandle* handle,
-                                            DepotEntry* entry) FANOUT_NOEXCEPT;
+FANOUT_EXPORT PalBool DepotEntryWriterAlive(DepotHandle* handle, DepotEntry* entry) FANOUT_NOEXCEPT;
 
 /* Takes the record off the handle's list and frees it; files are untouched.
  * Returns PAL_OK or a lock error (the record is then kept). */
@@ -440,8 +438,7 @@ FANOUT_EXPORT PalError DepotPurgeExpiredCounting(DepotHandle* handle,
  * (PalFileClose); on failure *file->handle is null and the lock or open error
  * is returned. */
 FANOUT_EXPORT PalError DepotFileOpenForWrite(DepotHandle* handle, DepotEntry* entry,
-                                             PalFileHandle* file,
-                                             PalBool truncate) FANOUT_NOEXCEPT;
+                                             PalFileHandle* file, PalBool truncate) FANOUT_NOEXCEPT;
 
 /* Opens the entry's data file read-only and stamps lastAccessTime; ownership
  * and failures as DepotFileOpenForWrite. */
@@ -454,8 +451,7 @@ FANOUT_EXPORT PalError DepotFileOpenForRead(DepotHandle* handle, DepotEntry* ent
  * from DepotNew keeps the process itself going); in strict mode it is
  * released. False for an unknown key or a lock failure. */
 FANOUT_EXPORT PalBool DepotEntryModified(DepotHandle* handle, const PalChar* id,
-                                         const PalChar* version,
-                                         PalInt32 stamp) FANOUT_NOEXCEPT;
+                                         const PalChar* version, PalInt32 stamp) FANOUT_NOEXCEPT;
 
 /* When the cached entry's lastWriteTime equals `stamp`, stores the data
  * file's size in *offset (the point to resume at); otherwise leaves *offset

@@ -34,10 +34,10 @@ FANOUT_BEGIN_DECLS
 
 /* One catalogue message of an exception. */
 typedef struct Kel_Types_XOpenMessageEntry {
-    char* catalog;       /* catalogue name, or null */
-    char* default_text;  /* the text with positional placeholders */
-    int32_t number;      /* message number in the catalogue */
-    Any arguments;       /* TC_Kel_Types_StringList: the arguments as strings */
+    char* catalog;      /* catalogue name, or null */
+    char* default_text; /* the text with positional placeholders */
+    int32_t number;     /* message number in the catalogue */
+    Any arguments;      /* TC_Kel_Types_StringList: the arguments as strings */
 } Kel_Types_XOpenMessageEntry;
 
 typedef struct Kel_Types_XOpenMessage {
@@ -50,13 +50,13 @@ typedef struct Kel_Types_XOpenMessage {
  * order. A derived record declares them first (with this macro) and appends
  * its own scalar fields, so a pointer to any record of the family can be read
  * as an ExException. */
-#define FANOUT_EXCEPTION_FIELDS                                              \
-    char* type_id;          /* inheritance chain, e.g. "...:ExErrorMsg" */     \
-    char* reserved_text;    /* unused here: null */                           \
-    int32_t reserved_code;  /* unused here: 0 */                              \
-    char* format;           /* how to print the record: "%7$M" */             \
-    int32_t timestamp;      /* seconds since the epoch at creation */         \
-    _sequence_any contexts; /* message contexts: empty here */                \
+#define FANOUT_EXCEPTION_FIELDS                                                     \
+    char* type_id;                   /* inheritance chain, e.g. "...:ExErrorMsg" */ \
+    char* reserved_text;             /* unused here: null */                        \
+    int32_t reserved_code;           /* unused here: 0 */                           \
+    char* format;                    /* how to print the record: "%7$M" */          \
+    int32_t timestamp;               /* seconds since the epoch at creation */      \
+    _sequence_any contexts;          /* message contexts: empty here */             \
     Kel_Types_XOpenMessage messages; /* one entry */
 
 /* The base exception record (the runtime's ExErrorMsg). Every block it points
@@ -88,8 +88,8 @@ FANOUT_EXPORT extern const TypeCode TC_Kel_Types_XOpenMessageEntry, TC_Kel_Types
  * "Format has illegal types (%1$s)" with `format` as its argument, no
  * catalogue and number 0, and reads no argument. `catalog` may be null.
  * Does not return. */
-FANOUT_EXPORT FANOUT_NORETURN void vaThrow(const char* catalog, int32_t number,
-                                           const char* format, ...);
+FANOUT_EXPORT FANOUT_NORETURN void vaThrow(const char* catalog, int32_t number, const char* format,
+                                           ...);
 
 /* As vaThrow, but stores the exception in env (_major FANOUT_USER_EXCEPTION)
  * instead of raising, freeing any exception env held. A null env is ignored
@@ -102,9 +102,8 @@ FANOUT_EXPORT void vaRaiseException(Environment* env, const char* catalog, int32
  * filled from the message, as vaThrow does: type_id a copy of `type_id`,
  * format "%7$M", timestamp time(NULL), one message entry. The caller owns it
  * and frees it with ex_free. A null type_id aborts the process. */
-FANOUT_EXPORT ExException* ex_build(const char* type_id, size_t record_size,
-                                    const char* catalog, int32_t number, const char* format,
-                                    va_list args);
+FANOUT_EXPORT ExException* ex_build(const char* type_id, size_t record_size, const char* catalog,
+                                    int32_t number, const char* format, va_list args);
 
 /* Throws `record` (which must start with the ExException fields and come
  * from the runtime allocator) as a fanout::Exception that takes ownership.
@@ -137,8 +136,7 @@ FANOUT_EXPORT char* ex_render(const void* record);
  *    unterminated "{") is copied as it is, so nothing is ever lost.
  * Newly allocated; free with mg_free. A null format gives null; args may be
  * null when count is 0. */
-FANOUT_EXPORT char* ex_render_text(const char* format, const char* const* args,
-                                   uint32_t count);
+FANOUT_EXPORT char* ex_render_text(const char* format, const char* const* args, uint32_t count);
 
 /* Accessors of a record and its first message. A null record (or one without
  * messages) gives null / 0. The strings belong to the record. */
@@ -196,7 +194,7 @@ struct ExceptionHolder;
  * sees a null record. Constructing one allocates a small shared block: if
  * that fails the record is freed and std::bad_alloc is thrown. */
 class FANOUT_EXPORT Exception : public std::exception {
-public:
+  public:
     explicit Exception(void* record);
     Exception(const Exception& other) = default;
     Exception& operator=(const Exception& other) = default;
@@ -211,7 +209,7 @@ public:
     uint32_t argument_count() const noexcept { return ex_argument_count(record()); }
     bool is_a(const char* id) const noexcept { return ex_is_a(record(), id) != 0; }
 
-private:
+  private:
     std::shared_ptr<ExceptionHolder> holder_;
     mutable std::string text_;
 };

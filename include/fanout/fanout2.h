@@ -50,24 +50,23 @@ FANOUT_BEGIN_DECLS
 #define FANOUT2_EX_ID(T) FANOUT2_EX_ROOT_ID ":Kel_Fanout2::" #T
 
 /* The family with the members that have only the base fields. */
-#define FANOUT2_BASE_EXCEPTIONS(X)                                                \
-    X(ExFanoutException) X(ExDepotNoSpace) X(ExLargeSegment) X(ExSegmentLocked)   \
-    X(ExInvalidSegment) X(ExSegmentNotFound) X(ExClientUnreachable)               \
-    X(ExSendInterrupted) X(ExClientNotServiced) X(ExClientFailedToConnect)        \
-    X(ExClientExitedEarly) X(ExClientFailedToStart) X(ExClientForcedToStop)       \
-    X(ExMsgFormatError) X(ExSendError) X(ExDepotFilesystem) X(ExEndpointNotMobile) \
-    X(ExDistExists) X(ExRepeaterNotRunning) X(ExFailedToSetChkpt)                 \
-    X(ExDistributionRejected) X(ExInvalidCall)
+#define FANOUT2_BASE_EXCEPTIONS(X)                                                              \
+    X(ExFanoutException)                                                                        \
+    X(ExDepotNoSpace) X(ExLargeSegment) X(ExSegmentLocked) X(ExInvalidSegment)                  \
+        X(ExSegmentNotFound) X(ExClientUnreachable) X(ExSendInterrupted) X(ExClientNotServiced) \
+            X(ExClientFailedToConnect) X(ExClientExitedEarly) X(ExClientFailedToStart)          \
+                X(ExClientForcedToStop) X(ExMsgFormatError) X(ExSendError) X(ExDepotFilesystem) \
+                    X(ExEndpointNotMobile) X(ExDistExists) X(ExRepeaterNotRunning)              \
+                        X(ExFailedToSetChkpt) X(ExDistributionRejected) X(ExInvalidCall)
 
-#define FANOUT2_DECLARE_BASE_EXCEPTION(T)                                           \
-    typedef ExException Kel_Fanout2_##T;                                            \
-    FANOUT_EXPORT extern const struct TypeCodeRec _tc_rec_Kel_Fanout2_##T;          \
-    FANOUT_EXPORT extern const TypeCode TC_Kel_Fanout2_##T;                         \
-    FANOUT_EXPORT void adr_v_Kel_Fanout2_##T(AdrBuffer* buf, Kel_Fanout2_##T* v);   \
-    FANOUT_EXPORT Kel_Fanout2_##T* _create_Kel_Fanout2_##T(                         \
-        const char* type_id, const char* reserved_text, int32_t reserved_code,      \
-        const char* format, int32_t timestamp, const _sequence_any* contexts,       \
-        const Kel_Types_XOpenMessage* messages);
+#define FANOUT2_DECLARE_BASE_EXCEPTION(T)                                                          \
+    typedef ExException Kel_Fanout2_##T;                                                           \
+    FANOUT_EXPORT extern const struct TypeCodeRec _tc_rec_Kel_Fanout2_##T;                         \
+    FANOUT_EXPORT extern const TypeCode TC_Kel_Fanout2_##T;                                        \
+    FANOUT_EXPORT void adr_v_Kel_Fanout2_##T(AdrBuffer* buf, Kel_Fanout2_##T* v);                  \
+    FANOUT_EXPORT Kel_Fanout2_##T* _create_Kel_Fanout2_##T(                                        \
+        const char* type_id, const char* reserved_text, int32_t reserved_code, const char* format, \
+        int32_t timestamp, const _sequence_any* contexts, const Kel_Types_XOpenMessage* messages);
 
 FANOUT2_BASE_EXCEPTIONS(FANOUT2_DECLARE_BASE_EXCEPTION)
 
@@ -80,8 +79,8 @@ typedef struct Kel_Fanout2_ExDistributionDeferred {
 
 FANOUT_EXPORT extern const struct TypeCodeRec _tc_rec_Kel_Fanout2_ExDistributionDeferred;
 FANOUT_EXPORT extern const TypeCode TC_Kel_Fanout2_ExDistributionDeferred;
-FANOUT_EXPORT void adr_v_Kel_Fanout2_ExDistributionDeferred(
-    AdrBuffer* buf, Kel_Fanout2_ExDistributionDeferred* v);
+FANOUT_EXPORT void adr_v_Kel_Fanout2_ExDistributionDeferred(AdrBuffer* buf,
+                                                            Kel_Fanout2_ExDistributionDeferred* v);
 FANOUT_EXPORT Kel_Fanout2_ExDistributionDeferred* _create_Kel_Fanout2_ExDistributionDeferred(
     const char* type_id, const char* reserved_text, int32_t reserved_code, const char* format,
     int32_t timestamp, const _sequence_any* contexts, const Kel_Types_XOpenMessage* messages,
@@ -102,16 +101,15 @@ FANOUT_EXPORT void* vMakeExErrorDerived(const char* type_id, size_t record_size,
 /* Raises the message as an exception of type `type_id` (a chain of the
  * family, or any other chain). The record is large enough for every member
  * of the family; derived fields are zero. Does not return. */
-FANOUT_EXPORT FANOUT_NORETURN void vaMThrow(const char* type_id, const char* catalog,
-                                            long number, const char* format, ...);
+FANOUT_EXPORT FANOUT_NORETURN void vaMThrow(const char* type_id, const char* catalog, long number,
+                                            const char* format, ...);
 
 /* As vaMThrow with a record of record_size bytes whose bytes after the base
  * fields (from sizeof(ExException) to record_size) are copied from
  * `template_record`, which the caller filled with the derived fields only.
  * A null template or a record_size not above sizeof(ExException) copies
  * nothing. Does not return. */
-FANOUT_EXPORT FANOUT_NORETURN void vaMThrowChild(const char* type_id,
-                                                 const void* template_record,
+FANOUT_EXPORT FANOUT_NORETURN void vaMThrowChild(const char* type_id, const void* template_record,
                                                  size_t record_size, const char* catalog,
                                                  long number, const char* format, ...);
 

@@ -58,8 +58,7 @@ FANOUT_EXPORT char* mrt_get_config_filespec(void);
 /* Reads `key` from a "key=value" file. Returns 0 when the file was read:
  * *value is then a newly allocated copy of the value, or null when the key
  * is absent. Returns errno (non-zero) when the file cannot be read. */
-FANOUT_EXPORT int32_t mrt_get_config_from_file(const char* filespec, const char* key,
-                                               char** value);
+FANOUT_EXPORT int32_t mrt_get_config_from_file(const char* filespec, const char* key, char** value);
 /* A normalised, newly allocated copy of `path`: repeated and trailing
  * slashes and "." components removed; with `flags` 1 a relative path is made
  * absolute against the current directory. Null gives null. */

@@ -24,19 +24,19 @@ typedef struct PalError {
 } PalError;
 
 #define PAL_OK 0
-#define PAL_ERR_NOT_SUPPORTED (-1)    /* not available on this platform (ACLs) */
-#define PAL_WAIT_TIMEOUT (-2)         /* a System V semaphore call failed */
-#define PAL_ERR_SYSTEM (-4)           /* a file, directory or stat call failed */
-#define PAL_ERR_NO_MORE (-6)          /* a list iterator has no further element */
-#define PAL_ERR_NO_ENTRY 2            /* no further directory entry / no temp name */
-#define PAL_ERR_TOO_LONG 7            /* formatted output does not fit */
-#define PAL_ERR_NO_MEMORY 12          /* an allocation inside the layer failed */
-#define PAL_ERR_INVALID_ARGUMENT 21   /* a required argument was null or unusable */
+#define PAL_ERR_NOT_SUPPORTED (-1)  /* not available on this platform (ACLs) */
+#define PAL_WAIT_TIMEOUT (-2)       /* a System V semaphore call failed */
+#define PAL_ERR_SYSTEM (-4)         /* a file, directory or stat call failed */
+#define PAL_ERR_NO_MORE (-6)        /* a list iterator has no further element */
+#define PAL_ERR_NO_ENTRY 2          /* no further directory entry / no temp name */
+#define PAL_ERR_TOO_LONG 7          /* formatted output does not fit */
+#define PAL_ERR_NO_MEMORY 12        /* an allocation inside the layer failed */
+#define PAL_ERR_INVALID_ARGUMENT 21 /* a required argument was null or unusable */
 #ifndef PAL_ERR_BUSY
-#define PAL_ERR_BUSY 16               /* the Depot: a live writer's entry (depot.h) */
+#define PAL_ERR_BUSY 16 /* the Depot: a live writer's entry (depot.h) */
 #endif
 #ifndef PAL_ERR_NO_SPACE
-#define PAL_ERR_NO_SPACE 26           /* the Depot: the space balance is too small */
+#define PAL_ERR_NO_SPACE 26 /* the Depot: the space balance is too small */
 #endif
 
 /* Builds a PalError from its three fields, unchanged. Never fails. */

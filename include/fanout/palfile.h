@@ -42,9 +42,10 @@ FANOUT_BEGIN_DECLS
 #define PAL_OPEN_TRUNCATE 0x200  /* truncate to 0 on open */
 #define PAL_OPEN_EXCLUSIVE 0x400 /* with CREATE: fail when the file exists */
 #define PAL_OPEN_NOFOLLOW 0x800  /* a symbolic link as last component fails (ELOOP) */
-#define PAL_OPEN_REGULAR 0x1000  /* only a regular file: opened without blocking, then
-                                  * checked; anything else fails (-4, EINVAL, 4) */
-#define PAL_OPEN_CLOEXEC 0x2000  /* not inherited by programs started with exec */
+#define PAL_OPEN_REGULAR                                                              \
+    0x1000                      /* only a regular file: opened without blocking, then \
+                                 * checked; anything else fails (-4, EINVAL, 4) */
+#define PAL_OPEN_CLOEXEC 0x2000 /* not inherited by programs started with exec */
 #define PAL_OPEN_BINARY                                           \
     0x8000 /* binary data: no effect here (every open is binary); \
             * the store's data-file opens carry it */

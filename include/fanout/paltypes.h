@@ -13,13 +13,13 @@
 
 #include "export.h"
 
-typedef char PalInt8;         /* signed 8-bit (the plain character type) */
-typedef int32_t PalInt32;     /* signed 32-bit */
-typedef uint8_t PalUint8;     /* unsigned 8-bit: raw bytes */
-typedef uint32_t PalUint32;   /* unsigned 32-bit */
-typedef int64_t PalInt64;     /* signed 64-bit: file sizes and offsets */
-typedef uint64_t PalUint64;   /* unsigned 64-bit */
-typedef char PalChar;         /* a character of a narrow, NUL-terminated string */
+typedef char PalInt8;          /* signed 8-bit (the plain character type) */
+typedef int32_t PalInt32;      /* signed 32-bit */
+typedef uint8_t PalUint8;      /* unsigned 8-bit: raw bytes */
+typedef uint32_t PalUint32;    /* unsigned 32-bit */
+typedef int64_t PalInt64;      /* signed 64-bit: file sizes and offsets */
+typedef uint64_t PalUint64;    /* unsigned 64-bit */
+typedef char PalChar;          /* a character of a narrow, NUL-terminated string */
 typedef unsigned char PalBool; /* one byte: 0 false, anything else true */
 
 #define PAL_TRUE ((PalBool)1)

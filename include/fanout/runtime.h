@@ -193,8 +193,7 @@ typedef struct ObjectProfile {
  * count is 0). Everything is copied; the caller keeps its arguments. Never
  * returns null, even for an empty id without profiles: the decoder, not this
  * call, maps that form to nil. Release with Object_release. */
-FANOUT_EXPORT Object Object_new(const char* type_id, const ObjectProfile* profiles,
-                                uint32_t count);
+FANOUT_EXPORT Object Object_new(const char* type_id, const ObjectProfile* profiles, uint32_t count);
 /* Another reference to the same record (the count goes up); null gives null. */
 FANOUT_EXPORT Object Object_duplicate(Object obj);
 /* Drops one reference; the last one frees the record. Null is ignored. */
@@ -217,8 +216,8 @@ FANOUT_EXPORT int32_t Object_equal(Object a, Object b);
  * and the two are structurally equal (TypeCode_equal), so decoded values
  * carry the library's type codes wherever it knows the type. */
 typedef struct TypeRepository {
-    const char* module;            /* module name, e.g. "Kel_Fanout2"; null ends a list */
-    const TypeCode* const* types;  /* addresses of TypeCode variables, null-terminated */
+    const char* module;           /* module name, e.g. "Kel_Fanout2"; null ends a list */
+    const TypeCode* const* types; /* addresses of TypeCode variables, null-terminated */
 } TypeRepository;
 
 /* The empty repository that ends a registration record. */
@@ -235,9 +234,9 @@ FANOUT_EXPORT void adr_type_init(const void* registration);
 /* The environment record. A call that cannot raise reports an exception by
  * storing it here; ev_to_exception raises it. Zero it before use. */
 typedef struct Environment {
-    int32_t _major;         /* 0 no exception, 1 user exception, 2 system */
-    void* _exception;       /* the exception record (exception.h), owned */
-    const char* _id;        /* its type id (points into the record) */
+    int32_t _major;   /* 0 no exception, 1 user exception, 2 system */
+    void* _exception; /* the exception record (exception.h), owned */
+    const char* _id;  /* its type id (points into the record) */
     void* _reserved[2];
 } Environment;
 
@@ -294,18 +293,15 @@ FANOUT_EXPORT void* _generic_copy(TypeCode tc, Environment* env, const void* sou
  * whatever was there is overwritten, not freed). A null source zeroes dest;
  * null dest or tc does nothing. When the allocator raises part way, the
  * partial copy is freed and dest left zeroed before the exception goes on. */
-FANOUT_EXPORT void _t_generic_copy(TypeCode tc, Environment* env, void* dest,
-                                   const void* source);
+FANOUT_EXPORT void _t_generic_copy(TypeCode tc, Environment* env, void* dest, const void* source);
 /* Deep equality: 1 when the two values have equal contents, else 0. Same
  * pointer gives 1 at once. Strings compare by bytes (null equals ""); floats
  * and doubles by their bits (as they marshal); sequences by length and
  * elements (maximum is ignored); anys by TypeCode_equal of their types and
  * then their values; object references by Object_equal. The _t_ form is the
  * same operation (kept for the generated typed functions). */
-FANOUT_EXPORT int32_t _generic_equal(TypeCode tc, Environment* env, const void* a,
-                                     const void* b);
-FANOUT_EXPORT int32_t _t_generic_equal(TypeCode tc, Environment* env, const void* a,
-                                       const void* b);
+FANOUT_EXPORT int32_t _generic_equal(TypeCode tc, Environment* env, const void* a, const void* b);
+FANOUT_EXPORT int32_t _t_generic_equal(TypeCode tc, Environment* env, const void* a, const void* b);
 
 /* Builds a newly allocated struct or exception value of type tc from its
  * member values: one pointer argument per member, in member order, each the
@@ -323,26 +319,26 @@ FANOUT_EXPORT void* generic_create(TypeCode tc, ...);
  * the buffer do nothing. */
 
 typedef struct AdrBuffer {
-    uint8_t* data;      /* encoder: the bytes written (from mg_malloc); decoder: input */
-    uint32_t length;    /* encoder: bytes written; decoder: input length */
-    uint32_t capacity;  /* encoder: bytes allocated */
-    uint32_t position;  /* decoder: next byte to read */
-    int32_t error;      /* 0, or an ADR_ERR_* code */
-    int32_t decoding;   /* 1 for a decoder */
-    int32_t swap;       /* decoder: the current stream is little-endian */
-    int32_t depth;      /* nesting depth of the value being walked */
-    uint32_t origin;    /* alignment origin of the current encapsulation */
+    uint8_t* data;     /* encoder: the bytes written (from mg_malloc); decoder: input */
+    uint32_t length;   /* encoder: bytes written; decoder: input length */
+    uint32_t capacity; /* encoder: bytes allocated */
+    uint32_t position; /* decoder: next byte to read */
+    int32_t error;     /* 0, or an ADR_ERR_* code */
+    int32_t decoding;  /* 1 for a decoder */
+    int32_t swap;      /* decoder: the current stream is little-endian */
+    int32_t depth;     /* nesting depth of the value being walked */
+    uint32_t origin;   /* alignment origin of the current encapsulation */
 } AdrBuffer;
 
 #define ADR_OK 0
-#define ADR_ERR_TRUNCATED 1       /* the input ended inside a value */
-#define ADR_ERR_BAD_LENGTH 2      /* a length exceeds what the input can hold */
-#define ADR_ERR_BAD_BOOLEAN 3     /* a boolean octet other than 0 or 1 */
-#define ADR_ERR_BAD_TYPECODE 4    /* an unknown or malformed TypeCode */
-#define ADR_ERR_TOO_DEEP 5        /* nesting beyond ADR_MAX_DEPTH */
-#define ADR_ERR_BAD_STRING 6      /* a string without its terminating NUL */
-#define ADR_ERR_UNSUPPORTED 7     /* a type code kind the runtime cannot walk */
-#define ADR_ERR_TOO_LARGE 8       /* output beyond 4 GiB */
+#define ADR_ERR_TRUNCATED 1    /* the input ended inside a value */
+#define ADR_ERR_BAD_LENGTH 2   /* a length exceeds what the input can hold */
+#define ADR_ERR_BAD_BOOLEAN 3  /* a boolean octet other than 0 or 1 */
+#define ADR_ERR_BAD_TYPECODE 4 /* an unknown or malformed TypeCode */
+#define ADR_ERR_TOO_DEEP 5     /* nesting beyond ADR_MAX_DEPTH */
+#define ADR_ERR_BAD_STRING 6   /* a string without its terminating NUL */
+#define ADR_ERR_UNSUPPORTED 7  /* a type code kind the runtime cannot walk */
+#define ADR_ERR_TOO_LARGE 8    /* output beyond 4 GiB */
 #define ADR_MAX_DEPTH 64
 
 /* A new, empty encoder. Free with adr_free_buf (which frees data too), or

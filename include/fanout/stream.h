@@ -130,25 +130,25 @@ typedef struct DepotEntryList {
 
 /* One stream, made by net_stream_open and released by net_stream_close. */
 typedef struct NetStream {
-    uint32_t type;                 /* the stream type (key octet 0) */
-    int32_t mobile;                /* nonzero: the stream keeps a progress file */
-    void* source;                  /* FileList* (types 4 to 11), the I/O channel (1), else null */
-    int32_t preset180;             /* 180 from open; not read by the library */
-    int32_t reserved;              /* 0 from open; not read by the library */
-    int32_t block_size;            /* write buffer size; piece size of file reads */
-    uint32_t fill;                 /* bytes waiting in `buffer` */
-    int32_t pending;               /* bytes received, not yet in the progress file */
-    uint8_t* buffer;               /* the write buffer, from net_stream_write_begin */
-    uint8_t started;               /* set by the first read */
-    PropertiesList* toc;           /* the table of contents, from net_stream_save_modified_toc */
-    MStat* mstat;                  /* the progress record of a mobile stream, else null */
-    Int64Length* total_length;     /* bytes expected (mobile) */
-    Int64Length* current_length;   /* bytes counted so far (mobile) */
-    char* current_file;            /* type 4: the current file name (points into the list) */
-    File* out_file;                /* type 4: the file a write creates */
-    char* mobile_rest;             /* key text after the first comma; type 9: its directory */
-    DepotHandle* depot;            /* type 10: the local depot */
-    DepotEntryList depot_entries;  /* type 10: the entries held in use */
+    uint32_t type;                /* the stream type (key octet 0) */
+    int32_t mobile;               /* nonzero: the stream keeps a progress file */
+    void* source;                 /* FileList* (types 4 to 11), the I/O channel (1), else null */
+    int32_t preset180;            /* 180 from open; not read by the library */
+    int32_t reserved;             /* 0 from open; not read by the library */
+    int32_t block_size;           /* write buffer size; piece size of file reads */
+    uint32_t fill;                /* bytes waiting in `buffer` */
+    int32_t pending;              /* bytes received, not yet in the progress file */
+    uint8_t* buffer;              /* the write buffer, from net_stream_write_begin */
+    uint8_t started;              /* set by the first read */
+    PropertiesList* toc;          /* the table of contents, from net_stream_save_modified_toc */
+    MStat* mstat;                 /* the progress record of a mobile stream, else null */
+    Int64Length* total_length;    /* bytes expected (mobile) */
+    Int64Length* current_length;  /* bytes counted so far (mobile) */
+    char* current_file;           /* type 4: the current file name (points into the list) */
+    File* out_file;               /* type 4: the file a write creates */
+    char* mobile_rest;            /* key text after the first comma; type 9: its directory */
+    DepotHandle* depot;           /* type 10: the local depot */
+    DepotEntryList depot_entries; /* type 10: the entries held in use */
 } NetStream;
 
 /* Stream types. */
@@ -248,8 +248,7 @@ FANOUT_EXPORT void net_stream_set_status(NetStream* stream, const char* message)
 
 /* For a mobile stream and a non-null value: records key = value (a string)
  * in the progress file. Always logs "fanout: update mstat key=..., value=...". */
-FANOUT_EXPORT void net_stream_update_mstat(NetStream* stream, const char* key,
-                                           const char* value);
+FANOUT_EXPORT void net_stream_update_mstat(NetStream* stream, const char* key, const char* value);
 
 /* Closes the stream: records "close" = true in a mobile stream's progress
  * file, releases the file list, a type-10 stream's depot entries and depot,

@@ -47,8 +47,7 @@ typedef struct TagRanges {
  * '>' is the region's very last character is not found, so documents end
  * with at least one character after their last closing tag. Null doc or tag,
  * an empty tag, or a document of fewer than two characters: all null. */
-FANOUT_EXPORT TagRanges getTagRanges(const PalChar* tag, const PalChar* doc,
-                                     const PalChar* limit);
+FANOUT_EXPORT TagRanges getTagRanges(const PalChar* tag, const PalChar* doc, const PalChar* limit);
 
 /* With whole 0 the content range of the element, otherwise {openStart,
  * closeEnd} (which is {openStart, null} for an element without a closing

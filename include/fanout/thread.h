@@ -25,7 +25,8 @@ typedef struct PalMonitorRec* PalMonitor;
 typedef struct PalOnce {
     volatile int32_t state;
 } PalOnce;
-#define PAL_ONCE_INIT {0}
+#define PAL_ONCE_INIT \
+    { 0 }
 
 /* Creates a mutex into *mutex; destroy with PalMutexDestroy. */
 FANOUT_EXPORT PalError PalMutexCreate(PalMutex* mutex);

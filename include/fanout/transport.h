@@ -85,9 +85,9 @@ typedef struct FanoutFrameHeader {
 
 /* Results of fanout_frame_check. */
 #define FANOUT_FRAME_OK 0
-#define FANOUT_FRAME_TRUNCATED 1   /* fewer octets than the header or its payload */
-#define FANOUT_FRAME_BAD_TYPE 2    /* not one of the message types above */
-#define FANOUT_FRAME_BAD_LENGTH 3  /* a length the type does not allow */
+#define FANOUT_FRAME_TRUNCATED 1  /* fewer octets than the header or its payload */
+#define FANOUT_FRAME_BAD_TYPE 2   /* not one of the message types above */
+#define FANOUT_FRAME_BAD_LENGTH 3 /* a length the type does not allow */
 
 /* Encodes `h` as the 12 header octets at `out`. */
 FANOUT_EXPORT void fanout_frame_encode_header(const FanoutFrameHeader* h, uint8_t out[12]);

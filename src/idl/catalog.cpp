@@ -15,22 +15,22 @@ const char* const Fanout2Catalog[FANOUT2_CATALOG_SIZE] = {
     "Fanout2Catalog",
     /*   1 */ "There is an invalid multibyte character in the string: %1$s.\n",
     /*   2 */
-        "The specified depot entry ID (%1$s) with version (%2$s) does not exist. The depot entry "
-        "was not removed.\n",
+    "The specified depot entry ID (%1$s) with version (%2$s) does not exist. The depot entry "
+    "was not removed.\n",
     /*   3 */
-        "The specified segment ID (%1$s) with version (%2$s) is locked and cannot be removed.\n",
+    "The specified segment ID (%1$s) with version (%2$s) is locked and cannot be removed.\n",
     /*   4 */
-        "The specified segment ID (%1$s) with version (%2$s) cannot be removed because it is "
-        "currently in use. Try again later.\n",
+    "The specified segment ID (%1$s) with version (%2$s) cannot be removed because it is "
+    "currently in use. Try again later.\n",
     /*   5 */
-        "The specified segment ID (%1$s) with version (%2$s) is permanent and cannot be removed.\n",
+    "The specified segment ID (%1$s) with version (%2$s) is permanent and cannot be removed.\n",
     /*   6 */ "Cannot reserve %1$d KB in the depot. The segment file is too large.\n",
     /*   7 */
-        "Cannot reserve %1$d KB because the depot has no space left. Check repeater configuration "
-        "for disk space.\n",
+    "Cannot reserve %1$d KB because the depot has no space left. Check repeater configuration "
+    "for disk space.\n",
     /*   8 */
-        "A checkpoint offset was not set for segment ID (%1$s) version (%2$s) because the segment "
-        "was locked.\n",
+    "A checkpoint offset was not set for segment ID (%1$s) version (%2$s) because the segment "
+    "was locked.\n",
     /*   9 */ "Cannot create the directory because the path name is NULL.\n",
     /*  10 */ "Cannot create the directory %1$s.\n",
     /*  11 */ "Cannot open the file %1$s.\n",
@@ -42,8 +42,8 @@ const char* const Fanout2Catalog[FANOUT2_CATALOG_SIZE] = {
     /*  17 */ "Cannot delete the file because the file handle is NULL.\n",
     /*  18 */ "Cannot read from the file because the file handle is NULL.\n",
     /*  19 */
-        "Cannot read from file %1$s. The number of bytes to read was %2$d and the error code is "
-        "%3$d.\n",
+    "Cannot read from file %1$s. The number of bytes to read was %2$d and the error code is "
+    "%3$d.\n",
     /*  20 */ "Cannot write to the file because the file handle is NULL.\n",
     /*  21 */ "Cannot write to the file %1$s. The number of bytes to write = %2$d.\n",
     /*  22 */ "Cannot seek the file because the file handle is NULL.\n",
@@ -64,15 +64,15 @@ const char* const Fanout2Catalog[FANOUT2_CATALOG_SIZE] = {
     /*  37 */ "The wrong property type was specified for the key %1$s.\n",
     /*  38 */ "The Distribution Manager is not running so the operation cannot continue.\n",
     /*  39 */
-        "The item was not replaced in the sequence. The index %1$d is not within the sequence "
-        "length %2$d.\n",
+    "The item was not replaced in the sequence. The index %1$d is not within the sequence "
+    "length %2$d.\n",
     /*  40 */ "Could not build the result job for the distribution %1$s.\n",
     /*  41 */ "The entry was not added to the file cache.\n",
     /*  42 */ "The next entry was not added to the file cache.\n",
     /*  43 */ "The entry was not deleted from the file cache.\n",
     /*  44 */
-        "An error occurred while creating the file cache due to one or more of the following "
-        "parameters: \n maxCacheSize = %1$u, minCacheSize = %2$u, and pageSize = %3$u.\n ",
+    "An error occurred while creating the file cache due to one or more of the following "
+    "parameters: \n maxCacheSize = %1$u, minCacheSize = %2$u, and pageSize = %3$u.\n ",
     /*  45 */ "Failed to create file cache due to insufficient memory.\n",
     /*  46 */ "Could not destroy the file cache due to invalid data.\n",
     /*  47 */ "Could not start the file cache due to an invalid file structure.\n",
@@ -87,55 +87,55 @@ const char* const Fanout2Catalog[FANOUT2_CATALOG_SIZE] = {
     /*  56 */ "Could not get data from the file cache reader because a thread skipped data.\n",
     /*  57 */ "Could not initialize the file cache due to insufficient memory.\n",
     /*  58 */
-        "Could not delete the entry from the file cache because the key (%1$s) was not found.\n",
+    "Could not delete the entry from the file cache because the key (%1$s) was not found.\n",
     /*  59 */
-        "Cannot execute the command type (%1$d) because the distribution reference is NULL.\n",
+    "Cannot execute the command type (%1$d) because the distribution reference is NULL.\n",
     /*  60 */
-        "The command %2$d was not executed for target %3$s because the distribution %1$s could "
-        "not be found.\n",
+    "The command %2$d was not executed for target %3$s because the distribution %1$s could "
+    "not be found.\n",
     /*  61 */
-        "The %3$d command would not be executed for the distribution %2$s because the target %1$s "
-        "is invalid.\n",
+    "The %3$d command would not be executed for the distribution %2$s because the target %1$s "
+    "is invalid.\n",
     /*  62 */ "Could not distribute because the repeater (%1$s) is not running.\n",
     /*  63 */
-        "The specified segment ID (%1$s) with version (%2$s) were not found in the repeater "
-        "(%3$s).\n",
+    "The specified segment ID (%1$s) with version (%2$s) were not found in the repeater "
+    "(%3$s).\n",
     /*  64 */ "Could not send because the repeater (%1$s) is not running.\n",
     /*  65 */ "Could not get distribution states because the repeater (%1$s) is not running.\n",
     /*  66 */ "Could not set properties for the repeater (%1$s) because it is not running.\n",
     /*  67 */
-        "Could not set the permanent storage configuration due to an invalid permanent_storage "
-        "value (%1$d).\n",
+    "Could not set the permanent storage configuration due to an invalid permanent_storage "
+    "value (%1$d).\n",
     /*  68 */
-        "Could not set the disk_max configuration due to an invalid value (%1$u). The value for "
-        "disk_max must be positive.\n",
+    "Could not set the disk_max configuration due to an invalid value (%1$u). The value for "
+    "disk_max must be positive.\n",
     /*  69 */
-        "Could not set the mem_max configuration due to an invalid value (%1$d). The value for "
-        "mem_max must be positive.\n",
+    "Could not set the mem_max configuration due to an invalid value (%1$d). The value for "
+    "mem_max must be positive.\n",
     /*  70 */
-        "Could not set the send_timeout configuration due to an invalid value (%1$d). The value "
-        "for send_timeout must be positive.\n",
+    "Could not set the send_timeout configuration due to an invalid value (%1$d). The value "
+    "for send_timeout must be positive.\n",
     /*  71 */
-        "Could not set the execute_timeout configuration due to an invalid value (%1$d). The "
-        "value for execute_timeout must be positive.\n",
+    "Could not set the execute_timeout configuration due to an invalid value (%1$d). The "
+    "value for execute_timeout must be positive.\n",
     /*  72 */
-        "Could not set the notify_interval configuration due to an invalid value (%1$d). The "
-        "value for notify_interval must be positive.\n",
+    "Could not set the notify_interval configuration due to an invalid value (%1$d). The "
+    "value for notify_interval must be positive.\n",
     /*  73 */
-        "Could not set the conn_retry_interval configuration due to an invalid value (%1$d). The "
-        "value for conn_retry_interval must be positive.\n",
+    "Could not set the conn_retry_interval configuration due to an invalid value (%1$d). The "
+    "value for conn_retry_interval must be positive.\n",
     /*  74 */
-        "Could not set the retry_ep_cutoff configuration due to an invalid value (%1$d). The "
-        "value for retry_ep_cutoff must be positive.\n",
+    "Could not set the retry_ep_cutoff configuration due to an invalid value (%1$d). The "
+    "value for retry_ep_cutoff must be positive.\n",
     /*  75 */
-        "Could not set the net load configuration due to an invalid value (%1$d). The value for "
-        "net_load must be positive.\n",
+    "Could not set the net load configuration due to an invalid value (%1$d). The value for "
+    "net_load must be positive.\n",
     /*  76 */
-        "Could not set the packet_size configuration due to an invalid value (%1$d). The value "
-        "for packet_size must be positive.\n",
+    "Could not set the packet_size configuration due to an invalid value (%1$d). The value "
+    "for packet_size must be positive.\n",
     /*  77 */
-        "Could not set the target_netload configuration due to an invalid value (%1$d). The value "
-        "for target_netload must be positive.\n",
+    "Could not set the target_netload configuration due to an invalid value (%1$d). The value "
+    "for target_netload must be positive.\n",
     /*  78 */ "Could not get properties for the repeater (%1$s) because it is not running.\n",
     /*  79 */ "Could not add the depot entries because the repeater (%1$s) is not running.\n",
     /*  80 */ "Could not remove the depot entries because the repeater (%1$s) is not running.\n",
@@ -148,8 +148,8 @@ const char* const Fanout2Catalog[FANOUT2_CATALOG_SIZE] = {
     /*  87 */ "Could not initialize the repeater due to insufficient memory.\n",
     /*  88 */ "Could not send the event (%1$d) because of an internal error.\n",
     /*  89 */
-        "Could not set the max_sessions configuration value    because the specified value %1$d "
-        "for priority %2$d was not greater than or equal to 0.\n",
+    "Could not set the max_sessions configuration value    because the specified value %1$d "
+    "for priority %2$d was not greater than or equal to 0.\n",
     /*  90 */ "Could not notify the job (%1$s) in the RECV queue due to an internal error.\n",
     /*  91 */ "An unknown timer event occurred due to a repeater error.\n",
     /*  92 */ "The timer expired but could not notify due to an internal error.\n",
@@ -161,8 +161,8 @@ const char* const Fanout2Catalog[FANOUT2_CATALOG_SIZE] = {
     /*  98 */ "An authorization failure occurred because the capabilities signature was NULL.\n",
     /*  99 */ "The specified endpoint %1$d.%2$d is not serviced by the gateway %3$s.\n",
     /* 100 */
-        "Could not find the method header %1$s::%2$s for interpreter type %3$s. The error code is "
-        "%4$d %5$s.\n",
+    "Could not find the method header %1$s::%2$s for interpreter type %3$s. The error code is "
+    "%4$d %5$s.\n",
     /* 101 */ "The client %1$s is either unreachable or the connection was lost.\n",
     /* 102 */ "The client %1$s failed to start.\n",
     /* 103 */ "The specified endpoint %1$s is not a valid endpoint object reference.\n",
@@ -182,38 +182,38 @@ const char* const Fanout2Catalog[FANOUT2_CATALOG_SIZE] = {
     /* 117 */ "Cannot write to the stream type %d because it is read-only.\n",
     /* 118 */ "Could not register. Check the Distribution Manager log file.\n",
     /* 119 */
-        "Could not set the debug level due to an invalid value %1$d. The value for debug_level "
-        "must be positive.\n",
+    "Could not set the debug level due to an invalid value %1$d. The value for debug_level "
+    "must be positive.\n",
     /* 120 */
-        "Could not set the debug delay due to an invalid value %1$d. The value for debug_delay "
-        "must be positive.\n",
+    "Could not set the debug delay due to an invalid value %1$d. The value for debug_delay "
+    "must be positive.\n",
     /* 121 */
-        "Could not get the capabilities list. The error code is %1$d and the error is %2$s.\n",
+    "Could not get the capabilities list. The error code is %1$d and the error is %2$s.\n",
     /* 122 */ "Cannot rename the file %1$s.\n",
     /* 123 */
-        "Could not set the maximum packet size for the repeater due to an invalid value %1$d. The "
-        "value for packet_size must be less than or equal to %2$d.\n",
+    "Could not set the maximum packet size for the repeater due to an invalid value %1$d. The "
+    "value for packet_size must be less than or equal to %2$d.\n",
     /* 124 */
-        "The Fanout repeater was unable to dispatch jobs because the repeater (%1$s) is not "
-        "running.\n",
+    "The Fanout repeater was unable to dispatch jobs because the repeater (%1$s) is not "
+    "running.\n",
     /* 125 */ "Unable to locate job (%1$s) in distribution job queue.\n",
     /* 126 */
-        "There was an invalid call to function (%1$s) from an Fanout 2 managed node repeater.\n",
+    "There was an invalid call to function (%1$s) from an Fanout 2 managed node repeater.\n",
     /* 127 */ "The Fanout repeater was not initialized so the request failed.\n",
     /* 128 */
-        "The distribution was not deleted from the database because distribution %1$s is not yet "
-        "complete. All targets must complete before a database entry can be deleted.\n",
+    "The distribution was not deleted from the database because distribution %1$s is not yet "
+    "complete. All targets must complete before a database entry can be deleted.\n",
     /* 129 */
-        "Distribution %1$s was not found in the database.\nThe distributions were not deleted.\n",
+    "Distribution %1$s was not found in the database.\nThe distributions were not deleted.\n",
     /* 130 */ "The Fanout repeater %1$s is not running so the request was not completed.\n",
     /* 131 */ "A thread was forced to abort.\n",
     /* 132 */ "The file %1$s exceeded the allowed disk space.\n",
     /* 133 */ "There are no more clients for input data.\n",
     /* 134 */
-        "Usage: \n %1$s\n %2$s help\n %3$s repeater_name describe\n %4$s repeater_name add "
-        "id^version [source_host:]file\n %5$s repeater_name image id^version [source_host:]file "
-        "image_dir\n %6$s repeater_name list [id^version] [-l]\n %7$s repeater_name delete "
-        "id^version\n %8$s repeater_name purge\n",
+    "Usage: \n %1$s\n %2$s help\n %3$s repeater_name describe\n %4$s repeater_name add "
+    "id^version [source_host:]file\n %5$s repeater_name image id^version [source_host:]file "
+    "image_dir\n %6$s repeater_name list [id^version] [-l]\n %7$s repeater_name delete "
+    "id^version\n %8$s repeater_name purge\n",
     /* 135 */ "Name",
     /* 136 */ "Version",
     /* 137 */ "Type",
@@ -246,7 +246,7 @@ const char* const Fanout2Catalog[FANOUT2_CATALOG_SIZE] = {
     /* 164 */ "Free Space = \t\t%1$s (KB)\n",
     /* 165 */ "There is no repeater associated with the name %1$s.\n",
     /* 166 */
-        "The specified segment spec is invalid. The spec must contain both an ID and a version.\n",
+    "The specified segment spec is invalid. The spec must contain both an ID and a version.\n",
     /* 167 */ "An unrecognized stop code %1$d was sent to the receiving job.\n",
     /* 168 */ "Could not find the job sent to target %1$s.\n ",
     /* 169 */ "The distribution %1$s for receiver %2$s has expired.\n",
@@ -255,12 +255,12 @@ const char* const Fanout2Catalog[FANOUT2_CATALOG_SIZE] = {
     /* 172 */ "Cannot run the command because distribution %1$s was completed.\n",
     /* 173 */ "Cannot run the command because distribution %1$s was expired.\n",
     /* 174 */
-        "Unable to send the command to the source repeater %1$s. Verify that the source repeater "
-        "is running and that the specified distribution originated in this Kelzone.\n",
+    "Unable to send the command to the source repeater %1$s. Verify that the source repeater "
+    "is running and that the specified distribution originated in this Kelzone.\n",
     /* 175 */ "The repeater (%1$s) could not be restarted because it is not running.\n",
     /* 176 */
-        "The repeater (%1$s) could not be restarted because it failed to successfully "
-        "initialize.\n",
+    "The repeater (%1$s) could not be restarted because it failed to successfully "
+    "initialize.\n",
     /* 177 */ "Unable to stop the repeater (%1$s). The distribution queue will not be deleted.\n",
     /* 178 */ "The repeater (%1$s) failed receiving a segment: %2$s",
     /* 179 */ " The repeater failed to send all data to the target.  %1$d of %2$d bytes sent.\n",
@@ -268,58 +268,58 @@ const char* const Fanout2Catalog[FANOUT2_CATALOG_SIZE] = {
     /* 181 */ "The distribution %1$s for receiver %2$s has roamed.\n",
     /* 182 */ "The segment %1$s^%2$s required for this distribution could not be found.\n",
     /* 183 */
-        "The specified segment ID (%1$s) with version (%2$s) cannot be saved to the depot "
-        "filesystem: %3$s\n",
+    "The specified segment ID (%1$s) with version (%2$s) cannot be saved to the depot "
+    "filesystem: %3$s\n",
     /* 184 */ "The distribution %1$s for receiver %2$s has been rejected.\n",
     /* 185 */ "Receiver %1$s is not a Mobile endpoint.",
     /* 186 */ "Receiver %1$s is not roamable as it may have been deleted.\n",
     /* 187 */
-        "Distribution %1$s already exists %2$s.  Each distribution Id specified must be unique.",
+    "Distribution %1$s already exists %2$s.  Each distribution Id specified must be unique.",
     /* 188 */
-        "Could not set repeater_multicast due to an invalid value (%1$d).  Value must be TRUE or "
-        "FALSE.\n",
+    "Could not set repeater_multicast due to an invalid value (%1$d).  Value must be TRUE or "
+    "FALSE.\n",
     /* 189 */
-        "Could not set endpoint_multicast due to an invalid value (%1$d).  Value must be TRUE or "
-        "FALSE.\n",
+    "Could not set endpoint_multicast due to an invalid value (%1$d).  Value must be TRUE or "
+    "FALSE.\n",
     /* 190 */
-        "Could not set default_multicast due to an invalid value (%1$d).  Value must be TRUE or "
-        "FALSE.\n",
+    "Could not set default_multicast due to an invalid value (%1$d).  Value must be TRUE or "
+    "FALSE.\n",
     /* 191 */
-        "Could not set fail_unavailable due to an invalid value (%1$d).  Value must be TRUE or "
-        "FALSE.\n",
+    "Could not set fail_unavailable due to an invalid value (%1$d).  Value must be TRUE or "
+    "FALSE.\n",
     /* 192 */
-        "Could not set SLOW_LINK due to an invalid value (%1$d).  Value must be TRUE or FALSE.\n",
+    "Could not set SLOW_LINK due to an invalid value (%1$d).  Value must be TRUE or FALSE.\n",
     /* 193 */ "The max number of concurrent send methods (%1$d) has been reached.",
     /* 194 */
-        "The distribution cannot be started because the fanoutstatus database is offline. "
-        "Re-establish the database connection, and resubmit the distribution.\n",
+    "The distribution cannot be started because the fanoutstatus database is offline. "
+    "Re-establish the database connection, and resubmit the distribution.\n",
     /* 195 */
-        "The distribution cannot be started because the fanoutstatus database is out of space.\n",
+    "The distribution cannot be started because the fanoutstatus database is out of space.\n",
     /* 196 */
-        "The distribution cannot be started because there was an error writing to the "
-        "fanoutstatus database.\n",
+    "The distribution cannot be started because there was an error writing to the "
+    "fanoutstatus database.\n",
     /* 197 */
-        "The distribution %1$s for receiver %2$s has expired. The last known error message is as "
-        "follows: %3$s \n",
+    "The distribution %1$s for receiver %2$s has expired. The last known error message is as "
+    "follows: %3$s \n",
     /* 198 */
-        "The distribution %1$s for receiver %2$s has expired. No other information regarding the "
-        "distribution failure is available. \n",
+    "The distribution %1$s for receiver %2$s has expired. No other information regarding the "
+    "distribution failure is available. \n",
     /* 199 */
-        "A result for distribution %1$s could not be saved in the fanoutstatus database due to a "
-        "database error.\n",
+    "A result for distribution %1$s could not be saved in the fanoutstatus database due to a "
+    "database error.\n",
     /* 200 */
-        "The specified segment ID (%1$s) with version (%2$s) cannot be removed because it has not "
-        "yet been processed. Try again later.\n",
+    "The specified segment ID (%1$s) with version (%2$s) cannot be removed because it has not "
+    "yet been processed. Try again later.\n",
     /* 201 */
-        "WARNING: Using the repeater depot location for the image_dir will disregard the disk_max "
-        "setting.\n",
+    "WARNING: Using the repeater depot location for the image_dir will disregard the disk_max "
+    "setting.\n",
     /* 202 */ "The EnqueueCancelRequest method received an invalid distribution ID.",
     /* 203 */ "The FERRY command '%1$s' with FERRY handle '%2$u' failed with a return of %3$d.",
     /* 204 */ "The FERRY command '%1$s' with FERRY handle '%2$u' timed out after %3$d seconds.",
     /* 205 */ "The FERRY package '%1$s' does not exist.",
     /* 206 */
-        "The FERRY package '%1$s' can not be retrieved due to the depot server being too busy.  "
-        "Retry in %2$d seconds.",
+    "The FERRY package '%1$s' can not be retrieved due to the depot server being too busy.  "
+    "Retry in %2$d seconds.",
     /* 207 */ "from_ferry can not be used with from_depot, from_fileserver, from_cd or multicast.",
     /* 208 */ "from_ferry can not be used to load depot, unload depot, or create image.",
     /* 209 */ "from_ferry can not be used with dataless distributions.",

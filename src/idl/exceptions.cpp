@@ -39,29 +39,36 @@ void visit_base(AdrBuffer* buf, ExException* v) {
 
 }  // namespace fanout
 
-#define FANOUT2_TYPE_CODE(T, members)                                                       \
-    const TypeCodeRec _tc_rec_Kel_Fanout2_##T = {                                           \
-        FANOUT_TK_EXCEPT, -1, "IDL:Kel_Fanout2/" #T ":1.0", #T, "Kel_Fanout2::" #T,          \
-        sizeof(Kel_Fanout2_##T), alignof(Kel_Fanout2_##T), 0, members,                      \
-        fanout::kExceptionMemberNames, fanout::kExceptionMemberTypes,                       \
-        fanout::kExceptionMemberOffsets};                                                   \
+#define FANOUT2_TYPE_CODE(T, members)                                              \
+    const TypeCodeRec _tc_rec_Kel_Fanout2_##T = {FANOUT_TK_EXCEPT,                 \
+                                                 -1,                               \
+                                                 "IDL:Kel_Fanout2/" #T ":1.0",     \
+                                                 #T,                               \
+                                                 "Kel_Fanout2::" #T,               \
+                                                 sizeof(Kel_Fanout2_##T),          \
+                                                 alignof(Kel_Fanout2_##T),         \
+                                                 0,                                \
+                                                 members,                          \
+                                                 fanout::kExceptionMemberNames,    \
+                                                 fanout::kExceptionMemberTypes,    \
+                                                 fanout::kExceptionMemberOffsets}; \
     const TypeCode TC_Kel_Fanout2_##T = &_tc_rec_Kel_Fanout2_##T;
 
-#define FANOUT2_DEFINE_BASE_EXCEPTION(T)                                                    \
-    FANOUT2_TYPE_CODE(T, fanout::kExceptionBaseMembers)                                     \
-    FANOUT_EXPORT void adr_v_Kel_Fanout2_##T(AdrBuffer* buf, Kel_Fanout2_##T* v) {          \
-        adr_start_struct(buf);                                                              \
-        fanout::visit_base(buf, v);                                                         \
-        adr_end_struct(buf);                                                                \
-    }                                                                                       \
-    FANOUT_EXPORT Kel_Fanout2_##T* _create_Kel_Fanout2_##T(                                 \
-        const char* type_id, const char* reserved_text, int32_t reserved_code,              \
-        const char* format, int32_t timestamp, const _sequence_any* contexts,               \
-        const Kel_Types_XOpenMessage* messages) {                                           \
-        return static_cast<Kel_Fanout2_##T*>(generic_create(                               \
-            TC_Kel_Fanout2_##T, &type_id, &reserved_text, &reserved_code, &format,          \
-            &timestamp, contexts != nullptr ? contexts : &fanout::kNoContexts,              \
-            messages != nullptr ? messages : &fanout::kNoMessages, nullptr));               \
+#define FANOUT2_DEFINE_BASE_EXCEPTION(T)                                                           \
+    FANOUT2_TYPE_CODE(T, fanout::kExceptionBaseMembers)                                            \
+    FANOUT_EXPORT void adr_v_Kel_Fanout2_##T(AdrBuffer* buf, Kel_Fanout2_##T* v) {                 \
+        adr_start_struct(buf);                                                                     \
+        fanout::visit_base(buf, v);                                                                \
+        adr_end_struct(buf);                                                                       \
+    }                                                                                              \
+    FANOUT_EXPORT Kel_Fanout2_##T* _create_Kel_Fanout2_##T(                                        \
+        const char* type_id, const char* reserved_text, int32_t reserved_code, const char* format, \
+        int32_t timestamp, const _sequence_any* contexts,                                          \
+        const Kel_Types_XOpenMessage* messages) {                                                  \
+        return static_cast<Kel_Fanout2_##T*>(                                                      \
+            generic_create(TC_Kel_Fanout2_##T, &type_id, &reserved_text, &reserved_code, &format,  \
+                           &timestamp, contexts != nullptr ? contexts : &fanout::kNoContexts,      \
+                           messages != nullptr ? messages : &fanout::kNoMessages, nullptr));       \
     }
 
 extern "C" {
@@ -70,8 +77,8 @@ FANOUT2_BASE_EXCEPTIONS(FANOUT2_DEFINE_BASE_EXCEPTION)
 
 FANOUT2_TYPE_CODE(ExDistributionDeferred, fanout::kExceptionBaseMembers + 1)
 
-FANOUT_EXPORT void adr_v_Kel_Fanout2_ExDistributionDeferred(
-    AdrBuffer* buf, Kel_Fanout2_ExDistributionDeferred* v) {
+FANOUT_EXPORT void adr_v_Kel_Fanout2_ExDistributionDeferred(AdrBuffer* buf,
+                                                            Kel_Fanout2_ExDistributionDeferred* v) {
     adr_start_struct(buf);
     fanout::visit_base(buf, reinterpret_cast<ExException*>(v));
     adr_v_long(buf, &v->retry_seconds);

@@ -22,15 +22,15 @@ using fanout::member_align;
 
 template <typename Seq>
 constexpr TypeCodeRec sequence_rec(const char* reg_name, const TypeCodeRec* const* element) {
-    return TypeCodeRec{FANOUT_TK_SEQUENCE, -1, "", "", reg_name, sizeof(Seq),
-                       member_align<Seq>(), 0, 1, nullptr, element, nullptr};
+    return TypeCodeRec{FANOUT_TK_SEQUENCE,  -1, "", "",      reg_name, sizeof(Seq),
+                       member_align<Seq>(), 0,  1,  nullptr, element,  nullptr};
 }
 
 template <typename Seq>
 constexpr TypeCodeRec alias_rec(const char* repo_id, const char* name, const char* reg_name,
                                 const TypeCodeRec* const* named) {
-    return TypeCodeRec{FANOUT_TK_ALIAS, -1, repo_id, name, reg_name, sizeof(Seq),
-                       member_align<Seq>(), 0, 1, nullptr, named, nullptr};
+    return TypeCodeRec{FANOUT_TK_ALIAS,     -1, repo_id, name,    reg_name, sizeof(Seq),
+                       member_align<Seq>(), 0,  1,       nullptr, named,    nullptr};
 }
 
 const char* const kPropertyNames[] = {"key", "value"};
@@ -52,40 +52,55 @@ const TypeCodeRec* const kStreamKeyNamed[] = {&_tc_rec_Kel_Fanout2__sequence_oct
 
 extern "C" {
 
-const TypeCodeRec _tc_rec_Kel_Fanout2_Property = {
-    FANOUT_TK_STRUCT, -1, "IDL:Kel_Fanout2/Property:1.0", "Property", "Kel_Fanout2::Property",
-    sizeof(Property), member_align<Property>(), 0, 2, kPropertyNames, kPropertyTypes,
-    kPropertyOffsets};
+const TypeCodeRec _tc_rec_Kel_Fanout2_Property = {FANOUT_TK_STRUCT,
+                                                  -1,
+                                                  "IDL:Kel_Fanout2/Property:1.0",
+                                                  "Property",
+                                                  "Kel_Fanout2::Property",
+                                                  sizeof(Property),
+                                                  member_align<Property>(),
+                                                  0,
+                                                  2,
+                                                  kPropertyNames,
+                                                  kPropertyTypes,
+                                                  kPropertyOffsets};
 
 const TypeCodeRec _tc_rec_Kel_Fanout2__sequence_Property_Properties =
     sequence_rec<Properties>("Kel_Fanout2::_sequence_Property_Properties", kPropertyElement);
 const TypeCodeRec _tc_rec_Kel_Fanout2_Properties = alias_rec<Properties>(
-    "IDL:Kel_Fanout2/Properties:1.0", "Properties", "Kel_Fanout2::Properties",
-    kPropertiesNamed);
+    "IDL:Kel_Fanout2/Properties:1.0", "Properties", "Kel_Fanout2::Properties", kPropertiesNamed);
 
 const TypeCodeRec _tc_rec_Kel_Fanout2__sequence_Properties_PropertiesList =
     sequence_rec<PropertiesList>("Kel_Fanout2::_sequence_Properties_PropertiesList",
                                  kPropertiesElement);
-const TypeCodeRec _tc_rec_Kel_Fanout2_PropertiesList = alias_rec<PropertiesList>(
-    "IDL:Kel_Fanout2/PropertiesList:1.0", "PropertiesList", "Kel_Fanout2::PropertiesList",
-    kPropertiesListNamed);
+const TypeCodeRec _tc_rec_Kel_Fanout2_PropertiesList =
+    alias_rec<PropertiesList>("IDL:Kel_Fanout2/PropertiesList:1.0", "PropertiesList",
+                              "Kel_Fanout2::PropertiesList", kPropertiesListNamed);
 
 const TypeCodeRec _tc_rec_Kel_Fanout2__sequence_PropertiesList_PropertiesListList =
     sequence_rec<PropertiesListList>("Kel_Fanout2::_sequence_PropertiesList_PropertiesListList",
                                      kPropertiesListElement);
-const TypeCodeRec _tc_rec_Kel_Fanout2_PropertiesListList = alias_rec<PropertiesListList>(
-    "IDL:Kel_Fanout2/PropertiesListList:1.0", "PropertiesListList",
-    "Kel_Fanout2::PropertiesListList", kPropertiesListListNamed);
+const TypeCodeRec _tc_rec_Kel_Fanout2_PropertiesListList =
+    alias_rec<PropertiesListList>("IDL:Kel_Fanout2/PropertiesListList:1.0", "PropertiesListList",
+                                  "Kel_Fanout2::PropertiesListList", kPropertiesListListNamed);
 
 const TypeCodeRec _tc_rec_Kel_Fanout2__sequence_octet_StreamKey =
     sequence_rec<StreamKey>("Kel_Fanout2::_sequence_octet_StreamKey", kOctetElement);
-const TypeCodeRec _tc_rec_Kel_Fanout2_StreamKey =
-    alias_rec<StreamKey>("IDL:Kel_Fanout2/StreamKey:1.0", "StreamKey", "Kel_Fanout2::StreamKey",
-                         kStreamKeyNamed);
+const TypeCodeRec _tc_rec_Kel_Fanout2_StreamKey = alias_rec<StreamKey>(
+    "IDL:Kel_Fanout2/StreamKey:1.0", "StreamKey", "Kel_Fanout2::StreamKey", kStreamKeyNamed);
 
-const TypeCodeRec _tc_rec_Kel_Fanout2_Repeater = {
-    FANOUT_TK_OBJREF, -1, "IDL:Kel_Fanout2/Repeater:1.0", "Repeater", "Kel_Fanout2::Repeater",
-    sizeof(Repeater), member_align<Repeater>(), 0, 0, nullptr, nullptr, nullptr};
+const TypeCodeRec _tc_rec_Kel_Fanout2_Repeater = {FANOUT_TK_OBJREF,
+                                                  -1,
+                                                  "IDL:Kel_Fanout2/Repeater:1.0",
+                                                  "Repeater",
+                                                  "Kel_Fanout2::Repeater",
+                                                  sizeof(Repeater),
+                                                  member_align<Repeater>(),
+                                                  0,
+                                                  0,
+                                                  nullptr,
+                                                  nullptr,
+                                                  nullptr};
 
 const TypeCode TC_Kel_Fanout2_Property = &_tc_rec_Kel_Fanout2_Property;
 const TypeCode TC_Kel_Fanout2_Properties = &_tc_rec_Kel_Fanout2_Properties;
@@ -111,8 +126,8 @@ const FanoutOperationParms _parms_Kel_Fanout2_Repeater[] = {{nullptr, 0, nullptr
 namespace {
 
 // The module's type codes, interface types and exception family, by the
-// address of their TypeCode variables (so the list is fixed at link time). Sequence type codes carry no repository
-// id and are listed for completeness; the registry skips them.
+// address of their TypeCode variables (so the list is fixed at link time). Sequence type codes
+// carry no repository id and are listed for completeness; the registry skips them.
 const TypeCode* const kFanout2Types[] = {
     &TC_Kel_Fanout2_Property,
     &TC_Kel_Fanout2_Properties,
@@ -127,7 +142,7 @@ const TypeCode* const kFanout2Types[] = {
 #define FANOUT_LIST_EXCEPTION(T) &TC_Kel_Fanout2_##T,
     FANOUT2_BASE_EXCEPTIONS(FANOUT_LIST_EXCEPTION)
 #undef FANOUT_LIST_EXCEPTION
-    &TC_Kel_Fanout2_ExDistributionDeferred,
+        & TC_Kel_Fanout2_ExDistributionDeferred,
     nullptr,
 };
 
@@ -192,27 +207,27 @@ FANOUT_EXPORT void adr_v_Kel_Fanout2_Property(AdrBuffer* buf, Property* v) {
 
 // The generated families: the same delegation for each type.
 #define FANOUT_DEFINE_FAMILY(T, Type, tc)                                                      \
-    extern "C" FANOUT_EXPORT uint8_t _equal_Kel_Fanout2_##T(Environment* env, const Type* a,  \
+    extern "C" FANOUT_EXPORT uint8_t _equal_Kel_Fanout2_##T(Environment* env, const Type* a,   \
                                                             const Type* b) {                   \
-        return static_cast<uint8_t>(_generic_equal(tc, env, a, b));                           \
+        return static_cast<uint8_t>(_generic_equal(tc, env, a, b));                            \
     }                                                                                          \
-    extern "C" FANOUT_EXPORT Type _copy_Kel_Fanout2_##T(Environment* env, const Type* source, \
+    extern "C" FANOUT_EXPORT Type _copy_Kel_Fanout2_##T(Environment* env, const Type* source,  \
                                                         int32_t temporary) {                   \
         Type result{};                                                                         \
-        void* block = _generic_copy(tc, env, source, temporary);                              \
+        void* block = _generic_copy(tc, env, source, temporary);                               \
         if (block != nullptr) {                                                                \
             std::memcpy(&result, block, sizeof(Type));                                         \
-            mg_free(block); /* its contents now belong to result */                           \
+            mg_free(block); /* its contents now belong to result */                            \
         }                                                                                      \
         return result;                                                                         \
     }                                                                                          \
-    extern "C" FANOUT_EXPORT uint8_t _t_equal_Kel_Fanout2_##T(Environment* env,               \
-                                                              const Type* a, const Type* b) {  \
-        return static_cast<uint8_t>(_t_generic_equal(tc, env, a, b));                         \
+    extern "C" FANOUT_EXPORT uint8_t _t_equal_Kel_Fanout2_##T(Environment* env, const Type* a, \
+                                                              const Type* b) {                 \
+        return static_cast<uint8_t>(_t_generic_equal(tc, env, a, b));                          \
     }                                                                                          \
-    extern "C" FANOUT_EXPORT void _t_copy_Kel_Fanout2_##T(Environment* env, Type* dest,       \
+    extern "C" FANOUT_EXPORT void _t_copy_Kel_Fanout2_##T(Environment* env, Type* dest,        \
                                                           const Type* source) {                \
-        _t_generic_copy(tc, env, dest, source);                                               \
+        _t_generic_copy(tc, env, dest, source);                                                \
     }
 
 FANOUT_DEFINE_FAMILY(Property, Property, TC_Kel_Fanout2_Property)
@@ -222,7 +237,6 @@ FANOUT_DEFINE_FAMILY(_sequence_Properties_PropertiesList, PropertiesList,
                      TC_Kel_Fanout2__sequence_Properties_PropertiesList)
 FANOUT_DEFINE_FAMILY(_sequence_PropertiesList_PropertiesListList, PropertiesListList,
                      TC_Kel_Fanout2__sequence_PropertiesList_PropertiesListList)
-FANOUT_DEFINE_FAMILY(_sequence_octet_StreamKey, StreamKey,
-                     TC_Kel_Fanout2__sequence_octet_StreamKey)
+FANOUT_DEFINE_FAMILY(_sequence_octet_StreamKey, StreamKey, TC_Kel_Fanout2__sequence_octet_StreamKey)
 
 #undef FANOUT_DEFINE_FAMILY

@@ -17,8 +17,12 @@ constexpr const char kBuildDate[] = "$Date: " __DATE__ " " __TIME__ " $";
 
 extern "C" {
 
-FANOUT_EXPORT const char* kelver_get_level_name(void) { return kLevel; }
+FANOUT_EXPORT const char* kelver_get_level_name(void) {
+    return kLevel;
+}
 
-FANOUT_EXPORT const char* kelver_get_bld_date(void) { return kBuildDate; }
+FANOUT_EXPORT const char* kelver_get_bld_date(void) {
+    return kBuildDate;
+}
 
 }  // extern "C"

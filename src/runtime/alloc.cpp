@@ -51,6 +51,8 @@ FANOUT_EXPORT char* mg_strdup(const char* text) {
     return copy;
 }
 
-FANOUT_EXPORT void mg_free(void* block) { std::free(block); }
+FANOUT_EXPORT void mg_free(void* block) {
+    std::free(block);
+}
 
 }  // extern "C"

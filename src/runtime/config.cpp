@@ -31,7 +31,9 @@ char* environment_copy(const char* name) {
     return value != nullptr && *value != '\0' ? mg_strdup(value) : nullptr;
 }
 
-bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+bool is_blank(char c) {
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n';
+}
 
 std::string trimmed(const char* begin, const char* end) {
     while (begin < end && is_blank(*begin)) ++begin;
@@ -61,7 +63,9 @@ struct LineBuffer {
 
 extern "C" {
 
-FANOUT_EXPORT char* mrt_get_work_dir(void) { return fanout::environment_copy("FANOUT_WORK_DIR"); }
+FANOUT_EXPORT char* mrt_get_work_dir(void) {
+    return fanout::environment_copy("FANOUT_WORK_DIR");
+}
 
 FANOUT_EXPORT char* mrt_get_config_filespec(void) {
     return fanout::environment_copy("FANOUT_CONFIG");

@@ -102,8 +102,7 @@ bool message_conversions(const char* format, std::string* letters) {
     return true;
 }
 
-void message_collect(const std::string& letters, va_list args, int saved_errno,
-                     MessageArgs* out) {
+void message_collect(const std::string& letters, va_list args, int saved_errno, MessageArgs* out) {
     for (char letter : letters) {
         if (letter == 's') {
             const char* text = va_arg(args, const char*);
@@ -149,9 +148,8 @@ using fanout::MessageArgs;
 
 extern "C" {
 
-FANOUT_EXPORT ExException* ex_build(const char* type_id, size_t record_size,
-                                    const char* catalog, int32_t number, const char* format,
-                                    va_list args) {
+FANOUT_EXPORT ExException* ex_build(const char* type_id, size_t record_size, const char* catalog,
+                                    int32_t number, const char* format, va_list args) {
     // errno as the caller left it, before any allocation here can touch it.
     int saved_errno = errno;
     std::string letters;
@@ -187,8 +185,8 @@ FANOUT_EXPORT ExException* ex_build(const char* type_id, size_t record_size,
     list->maximum = list->length = collected.count();
     list->buffer = collected.release();
 
-    auto* entries = static_cast<Kel_Types_XOpenMessageEntry*>(
-        mg_malloc(sizeof(Kel_Types_XOpenMessageEntry)));
+    auto* entries =
+        static_cast<Kel_Types_XOpenMessageEntry*>(mg_malloc(sizeof(Kel_Types_XOpenMessageEntry)));
     if (record_size < sizeof(ExException)) record_size = sizeof(ExException);
     ExException* record;
     try {
@@ -213,8 +211,8 @@ FANOUT_EXPORT void vaThrow(const char* catalog, int32_t number, const char* form
     va_start(args, format);
     ExException* record;
     try {
-        record = ex_build(FANOUT_EX_ERROR_MSG_ID, sizeof(ExException), catalog, number, format,
-                          args);
+        record =
+            ex_build(FANOUT_EX_ERROR_MSG_ID, sizeof(ExException), catalog, number, format, args);
     } catch (...) {
         va_end(args);
         throw;
@@ -230,8 +228,8 @@ FANOUT_EXPORT void vaRaiseException(Environment* env, const char* catalog, int32
     va_start(args, format);
     ExException* record;
     try {
-        record = ex_build(FANOUT_EX_ERROR_MSG_ID, sizeof(ExException), catalog, number, format,
-                          args);
+        record =
+            ex_build(FANOUT_EX_ERROR_MSG_ID, sizeof(ExException), catalog, number, format, args);
     } catch (...) {
         va_end(args);
         throw;

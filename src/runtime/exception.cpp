@@ -41,11 +41,14 @@ char g_static_size[] = "?";
 char* g_static_args[] = {g_static_size, nullptr};
 Kel_Types_StringList g_static_list = {1, 1, g_static_args};
 Kel_Types_XOpenMessageEntry g_static_entry = {
-    nullptr, const_cast<char*>(kNoMemoryText), 0,
-    {&_tc_rec_Kel_Types_StringList, &g_static_list}};
-ExException g_static_no_memory = {
-    const_cast<char*>(FANOUT_EX_NO_MEMORY_ID), nullptr, 0, const_cast<char*>("%7$M"), 0,
-    {0, 0, nullptr}, {1, 1, &g_static_entry}};
+    nullptr, const_cast<char*>(kNoMemoryText), 0, {&_tc_rec_Kel_Types_StringList, &g_static_list}};
+ExException g_static_no_memory = {const_cast<char*>(FANOUT_EX_NO_MEMORY_ID),
+                                  nullptr,
+                                  0,
+                                  const_cast<char*>("%7$M"),
+                                  0,
+                                  {0, 0, nullptr},
+                                  {1, 1, &g_static_entry}};
 
 // A NO_MEMORY record built with the C heap only (the runtime allocator would
 // raise again), or the static record when that fails too.
@@ -257,11 +260,12 @@ FANOUT_EXPORT int fanout_try(FanoutTryFn fn, void* context, char** message) {
         int result;
     } run{fn, context, 0};
     void* record = nullptr;
-    if (fanout_call([](void* r) {
-                        auto* job = static_cast<Run*>(r);
-                        job->result = job->fn(job->context);
-                    },
-                    &run, message != nullptr ? &record : nullptr) == 0) {
+    if (fanout_call(
+            [](void* r) {
+                auto* job = static_cast<Run*>(r);
+                job->result = job->fn(job->context);
+            },
+            &run, message != nullptr ? &record : nullptr) == 0) {
         return run.result;
     }
     if (message != nullptr) {

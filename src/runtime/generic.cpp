@@ -51,7 +51,9 @@ struct Walk {
     }
 };
 
-uint8_t* at(void* base, size_t offset) { return static_cast<uint8_t*>(base) + offset; }
+uint8_t* at(void* base, size_t offset) {
+    return static_cast<uint8_t*>(base) + offset;
+}
 const uint8_t* at(const void* base, size_t offset) {
     return static_cast<const uint8_t*>(base) + offset;
 }
@@ -221,8 +223,8 @@ bool equal_value(Walk& walk, TypeCode tc, const void* a, const void* b) {
             return TypeCode_equal(*static_cast<const TypeCode*>(a),
                                   *static_cast<const TypeCode*>(b)) != 0;
         case FANOUT_TK_OBJREF:
-            return Object_equal(*static_cast<const Object*>(a),
-                                *static_cast<const Object*>(b)) != 0;
+            return Object_equal(*static_cast<const Object*>(a), *static_cast<const Object*>(b)) !=
+                   0;
         case FANOUT_TK_STRUCT:
         case FANOUT_TK_EXCEPT:
             if (!members_walkable(named)) {
@@ -276,8 +278,7 @@ FANOUT_EXPORT void kel_free_generic(void* value, TypeCode tc) {
     std::memset(value, 0, tc_size(tc));
 }
 
-FANOUT_EXPORT void _t_generic_copy(TypeCode tc, Environment* env, void* dest,
-                                   const void* source) {
+FANOUT_EXPORT void _t_generic_copy(TypeCode tc, Environment* env, void* dest, const void* source) {
     if (dest == nullptr || tc == nullptr) return;
     std::memset(dest, 0, tc_size(tc));
     if (source == nullptr) return;
@@ -305,8 +306,7 @@ FANOUT_EXPORT void* _generic_copy(TypeCode tc, Environment* env, const void* sou
     return block;
 }
 
-FANOUT_EXPORT int32_t _generic_equal(TypeCode tc, Environment* env, const void* a,
-                                     const void* b) {
+FANOUT_EXPORT int32_t _generic_equal(TypeCode tc, Environment* env, const void* a, const void* b) {
     if (a == b) return 1;
     if (a == nullptr || b == nullptr) return 0;
     Walk walk;
@@ -322,8 +322,7 @@ FANOUT_EXPORT int32_t _t_generic_equal(TypeCode tc, Environment* env, const void
 
 FANOUT_EXPORT void* generic_create(TypeCode tc, ...) {
     TypeCode named = tc_unalias(tc);
-    if (named == nullptr ||
-        (named->kind != FANOUT_TK_STRUCT && named->kind != FANOUT_TK_EXCEPT) ||
+    if (named == nullptr || (named->kind != FANOUT_TK_STRUCT && named->kind != FANOUT_TK_EXCEPT) ||
         !members_walkable(named)) {
         vaThrow(nullptr, -1, kUnsupportedFormat,
                 named != nullptr ? static_cast<int32_t>(named->kind) : -1);

@@ -138,30 +138,40 @@ void decode_object(AdrBuffer* b, Object* out) {
 // checked).
 uint32_t bulk_width(TypeCode elem) {
     switch (elem->kind) {
-    case FANOUT_TK_OCTET:
-    case FANOUT_TK_CHAR: return 1;
-    case FANOUT_TK_SHORT:
-    case FANOUT_TK_USHORT: return 2;
-    case FANOUT_TK_LONG:
-    case FANOUT_TK_ULONG:
-    case FANOUT_TK_FLOAT: return 4;
-    case FANOUT_TK_LONGLONG:
-    case FANOUT_TK_ULONGLONG:
-    case FANOUT_TK_DOUBLE: return 8;
-    default: return 0;
+        case FANOUT_TK_OCTET:
+        case FANOUT_TK_CHAR:
+            return 1;
+        case FANOUT_TK_SHORT:
+        case FANOUT_TK_USHORT:
+            return 2;
+        case FANOUT_TK_LONG:
+        case FANOUT_TK_ULONG:
+        case FANOUT_TK_FLOAT:
+            return 4;
+        case FANOUT_TK_LONGLONG:
+        case FANOUT_TK_ULONGLONG:
+        case FANOUT_TK_DOUBLE:
+            return 8;
+        default:
+            return 0;
     }
 }
 
-template <typename T> void swap_block(T* p, uint32_t count) {
+template <typename T>
+void swap_block(T* p, uint32_t count) {
     for (uint32_t i = 0; i < count; ++i) p[i] = bswap(p[i]);
 }
 
 void swap_block(void* p, uint32_t width, uint32_t count) {
     switch (width) {
-    case 2: return swap_block(static_cast<uint16_t*>(p), count);
-    case 4: return swap_block(static_cast<uint32_t*>(p), count);
-    case 8: return swap_block(static_cast<uint64_t*>(p), count);
-    default: return;
+        case 2:
+            return swap_block(static_cast<uint16_t*>(p), count);
+        case 4:
+            return swap_block(static_cast<uint32_t*>(p), count);
+        case 8:
+            return swap_block(static_cast<uint64_t*>(p), count);
+        default:
+            return;
     }
 }
 
@@ -280,7 +290,8 @@ void decode_members(AdrBuffer* b, TypeCode tc, uint8_t* base) {
         decode_value(b, tc->member_types[i], base + tc->member_offsets[i]);
 }
 
-template <typename T> T load(const void* v) {
+template <typename T>
+T load(const void* v) {
     T x;
     std::memcpy(&x, v, sizeof(T));
     return x;
@@ -290,36 +301,49 @@ void encode_value(AdrBuffer* b, TypeCode tc, const void* v) {
     if (failed(b)) return;
     if (tc == nullptr) return fail(b, ADR_ERR_BAD_TYPECODE);
     switch (tc->kind) {
-    case FANOUT_TK_NULL:
-    case FANOUT_TK_VOID: return;
-    case FANOUT_TK_SHORT:
-    case FANOUT_TK_USHORT: return put_scalar(b, load<uint16_t>(v));
-    case FANOUT_TK_LONG:
-    case FANOUT_TK_ULONG:
-    case FANOUT_TK_FLOAT:
-    case FANOUT_TK_ENUM: return put_scalar(b, load<uint32_t>(v));
-    case FANOUT_TK_LONGLONG:
-    case FANOUT_TK_ULONGLONG:
-    case FANOUT_TK_DOUBLE: return put_scalar(b, load<uint64_t>(v));
-    // Any non-zero boolean in memory is written as 1: only 0 and 1 are valid.
-    case FANOUT_TK_BOOLEAN: return put_u8(b, *static_cast<const uint8_t*>(v) != 0 ? 1 : 0);
-    case FANOUT_TK_CHAR:
-    case FANOUT_TK_OCTET: return put_u8(b, *static_cast<const uint8_t*>(v));
-    case FANOUT_TK_STRING: return encode_string(b, tc->bound, load<const char*>(v));
-    case FANOUT_TK_ANY: return encode_any(b, static_cast<const Any*>(v));
-    case FANOUT_TK_TYPECODE: return encode_typecode(b, load<TypeCode>(v));
-    case FANOUT_TK_OBJREF: return encode_object(b, load<Object>(v));
-    case FANOUT_TK_STRUCT:
-    case FANOUT_TK_EXCEPT: return encode_members(b, tc, static_cast<const uint8_t*>(v));
-    case FANOUT_TK_SEQUENCE: return encode_sequence(b, tc, static_cast<const GenericSeq*>(v));
-    case FANOUT_TK_ALIAS: {
-        DepthGuard depth(b);
-        if (!depth.ok()) return;
-        if (tc->member_count < 1 || tc->member_types == nullptr)
-            return fail(b, ADR_ERR_BAD_TYPECODE);
-        return encode_value(b, tc->member_types[0], v);
-    }
-    default: return fail(b, ADR_ERR_UNSUPPORTED);
+        case FANOUT_TK_NULL:
+        case FANOUT_TK_VOID:
+            return;
+        case FANOUT_TK_SHORT:
+        case FANOUT_TK_USHORT:
+            return put_scalar(b, load<uint16_t>(v));
+        case FANOUT_TK_LONG:
+        case FANOUT_TK_ULONG:
+        case FANOUT_TK_FLOAT:
+        case FANOUT_TK_ENUM:
+            return put_scalar(b, load<uint32_t>(v));
+        case FANOUT_TK_LONGLONG:
+        case FANOUT_TK_ULONGLONG:
+        case FANOUT_TK_DOUBLE:
+            return put_scalar(b, load<uint64_t>(v));
+        // Any non-zero boolean in memory is written as 1: only 0 and 1 are valid.
+        case FANOUT_TK_BOOLEAN:
+            return put_u8(b, *static_cast<const uint8_t*>(v) != 0 ? 1 : 0);
+        case FANOUT_TK_CHAR:
+        case FANOUT_TK_OCTET:
+            return put_u8(b, *static_cast<const uint8_t*>(v));
+        case FANOUT_TK_STRING:
+            return encode_string(b, tc->bound, load<const char*>(v));
+        case FANOUT_TK_ANY:
+            return encode_any(b, static_cast<const Any*>(v));
+        case FANOUT_TK_TYPECODE:
+            return encode_typecode(b, load<TypeCode>(v));
+        case FANOUT_TK_OBJREF:
+            return encode_object(b, load<Object>(v));
+        case FANOUT_TK_STRUCT:
+        case FANOUT_TK_EXCEPT:
+            return encode_members(b, tc, static_cast<const uint8_t*>(v));
+        case FANOUT_TK_SEQUENCE:
+            return encode_sequence(b, tc, static_cast<const GenericSeq*>(v));
+        case FANOUT_TK_ALIAS: {
+            DepthGuard depth(b);
+            if (!depth.ok()) return;
+            if (tc->member_count < 1 || tc->member_types == nullptr)
+                return fail(b, ADR_ERR_BAD_TYPECODE);
+            return encode_value(b, tc->member_types[0], v);
+        }
+        default:
+            return fail(b, ADR_ERR_UNSUPPORTED);
     }
 }
 
@@ -327,61 +351,70 @@ void decode_value(AdrBuffer* b, TypeCode tc, void* v) {
     if (failed(b)) return;
     if (tc == nullptr) return fail(b, ADR_ERR_BAD_TYPECODE);
     switch (tc->kind) {
-    case FANOUT_TK_NULL:
-    case FANOUT_TK_VOID: return;
-    case FANOUT_TK_SHORT:
-    case FANOUT_TK_USHORT: {
-        uint16_t x = 0;
-        if (get_scalar(b, &x)) std::memcpy(v, &x, sizeof x);
-        return;
-    }
-    case FANOUT_TK_LONG:
-    case FANOUT_TK_ULONG:
-    case FANOUT_TK_FLOAT:
-    case FANOUT_TK_ENUM: {
-        uint32_t x = 0;
-        if (!get_scalar(b, &x)) return;
-        // An enumerator beyond the type's list is as malformed as a bad length.
-        if (tc->kind == FANOUT_TK_ENUM && x >= tc->member_count)
-            return fail(b, ADR_ERR_BAD_LENGTH);
-        std::memcpy(v, &x, sizeof x);
-        return;
-    }
-    case FANOUT_TK_LONGLONG:
-    case FANOUT_TK_ULONGLONG:
-    case FANOUT_TK_DOUBLE: {
-        uint64_t x = 0;
-        if (get_scalar(b, &x)) std::memcpy(v, &x, sizeof x);
-        return;
-    }
-    case FANOUT_TK_BOOLEAN: {
-        uint8_t x = 0;
-        if (!get_u8(b, &x)) return;
-        if (x > 1) return fail(b, ADR_ERR_BAD_BOOLEAN);
-        *static_cast<uint8_t*>(v) = x;
-        return;
-    }
-    case FANOUT_TK_CHAR:
-    case FANOUT_TK_OCTET: get_u8(b, static_cast<uint8_t*>(v)); return;
-    case FANOUT_TK_STRING: return decode_string(b, tc->bound, static_cast<char**>(v));
-    case FANOUT_TK_ANY: return decode_any(b, static_cast<Any*>(v));
-    case FANOUT_TK_TYPECODE: {
-        TypeCode t = decode_typecode(b);
-        if (t != nullptr) std::memcpy(v, &t, sizeof t);
-        return;
-    }
-    case FANOUT_TK_OBJREF: return decode_object(b, static_cast<Object*>(v));
-    case FANOUT_TK_STRUCT:
-    case FANOUT_TK_EXCEPT: return decode_members(b, tc, static_cast<uint8_t*>(v));
-    case FANOUT_TK_SEQUENCE: return decode_sequence(b, tc, static_cast<GenericSeq*>(v));
-    case FANOUT_TK_ALIAS: {
-        DepthGuard depth(b);
-        if (!depth.ok()) return;
-        if (tc->member_count < 1 || tc->member_types == nullptr)
-            return fail(b, ADR_ERR_BAD_TYPECODE);
-        return decode_value(b, tc->member_types[0], v);
-    }
-    default: return fail(b, ADR_ERR_UNSUPPORTED);
+        case FANOUT_TK_NULL:
+        case FANOUT_TK_VOID:
+            return;
+        case FANOUT_TK_SHORT:
+        case FANOUT_TK_USHORT: {
+            uint16_t x = 0;
+            if (get_scalar(b, &x)) std::memcpy(v, &x, sizeof x);
+            return;
+        }
+        case FANOUT_TK_LONG:
+        case FANOUT_TK_ULONG:
+        case FANOUT_TK_FLOAT:
+        case FANOUT_TK_ENUM: {
+            uint32_t x = 0;
+            if (!get_scalar(b, &x)) return;
+            // An enumerator beyond the type's list is as malformed as a bad length.
+            if (tc->kind == FANOUT_TK_ENUM && x >= tc->member_count)
+                return fail(b, ADR_ERR_BAD_LENGTH);
+            std::memcpy(v, &x, sizeof x);
+            return;
+        }
+        case FANOUT_TK_LONGLONG:
+        case FANOUT_TK_ULONGLONG:
+        case FANOUT_TK_DOUBLE: {
+            uint64_t x = 0;
+            if (get_scalar(b, &x)) std::memcpy(v, &x, sizeof x);
+            return;
+        }
+        case FANOUT_TK_BOOLEAN: {
+            uint8_t x = 0;
+            if (!get_u8(b, &x)) return;
+            if (x > 1) return fail(b, ADR_ERR_BAD_BOOLEAN);
+            *static_cast<uint8_t*>(v) = x;
+            return;
+        }
+        case FANOUT_TK_CHAR:
+        case FANOUT_TK_OCTET:
+            get_u8(b, static_cast<uint8_t*>(v));
+            return;
+        case FANOUT_TK_STRING:
+            return decode_string(b, tc->bound, static_cast<char**>(v));
+        case FANOUT_TK_ANY:
+            return decode_any(b, static_cast<Any*>(v));
+        case FANOUT_TK_TYPECODE: {
+            TypeCode t = decode_typecode(b);
+            if (t != nullptr) std::memcpy(v, &t, sizeof t);
+            return;
+        }
+        case FANOUT_TK_OBJREF:
+            return decode_object(b, static_cast<Object*>(v));
+        case FANOUT_TK_STRUCT:
+        case FANOUT_TK_EXCEPT:
+            return decode_members(b, tc, static_cast<uint8_t*>(v));
+        case FANOUT_TK_SEQUENCE:
+            return decode_sequence(b, tc, static_cast<GenericSeq*>(v));
+        case FANOUT_TK_ALIAS: {
+            DepthGuard depth(b);
+            if (!depth.ok()) return;
+            if (tc->member_count < 1 || tc->member_types == nullptr)
+                return fail(b, ADR_ERR_BAD_TYPECODE);
+            return decode_value(b, tc->member_types[0], v);
+        }
+        default:
+            return fail(b, ADR_ERR_UNSUPPORTED);
     }
 }
 
@@ -440,25 +473,45 @@ FANOUT_EXPORT void adr_end_struct(AdrBuffer* buf) {
     if (buf != nullptr && buf->depth > 0) --buf->depth;
 }
 
-FANOUT_EXPORT void adr_v_short(AdrBuffer* buf, int16_t* v) { marshal_item(buf, TC_short, v); }
-FANOUT_EXPORT void adr_v_ushort(AdrBuffer* buf, uint16_t* v) { marshal_item(buf, TC_ushort, v); }
-FANOUT_EXPORT void adr_v_long(AdrBuffer* buf, int32_t* v) { marshal_item(buf, TC_long, v); }
-FANOUT_EXPORT void adr_v_ulong(AdrBuffer* buf, uint32_t* v) { marshal_item(buf, TC_ulong, v); }
+FANOUT_EXPORT void adr_v_short(AdrBuffer* buf, int16_t* v) {
+    marshal_item(buf, TC_short, v);
+}
+FANOUT_EXPORT void adr_v_ushort(AdrBuffer* buf, uint16_t* v) {
+    marshal_item(buf, TC_ushort, v);
+}
+FANOUT_EXPORT void adr_v_long(AdrBuffer* buf, int32_t* v) {
+    marshal_item(buf, TC_long, v);
+}
+FANOUT_EXPORT void adr_v_ulong(AdrBuffer* buf, uint32_t* v) {
+    marshal_item(buf, TC_ulong, v);
+}
 FANOUT_EXPORT void adr_v_longlong(AdrBuffer* buf, int64_t* v) {
     marshal_item(buf, TC_longlong, v);
 }
 FANOUT_EXPORT void adr_v_ulonglong(AdrBuffer* buf, uint64_t* v) {
     marshal_item(buf, TC_ulonglong, v);
 }
-FANOUT_EXPORT void adr_v_boolean(AdrBuffer* buf, uint8_t* v) { marshal_item(buf, TC_boolean, v); }
-FANOUT_EXPORT void adr_v_octet(AdrBuffer* buf, uint8_t* v) { marshal_item(buf, TC_octet, v); }
-FANOUT_EXPORT void adr_v_char(AdrBuffer* buf, char* v) { marshal_item(buf, TC_char, v); }
-FANOUT_EXPORT void adr_v_string(AdrBuffer* buf, char** v) { marshal_item(buf, TC_string, v); }
-FANOUT_EXPORT void adr_v_any(AdrBuffer* buf, Any* v) { marshal_item(buf, TC_any, v); }
+FANOUT_EXPORT void adr_v_boolean(AdrBuffer* buf, uint8_t* v) {
+    marshal_item(buf, TC_boolean, v);
+}
+FANOUT_EXPORT void adr_v_octet(AdrBuffer* buf, uint8_t* v) {
+    marshal_item(buf, TC_octet, v);
+}
+FANOUT_EXPORT void adr_v_char(AdrBuffer* buf, char* v) {
+    marshal_item(buf, TC_char, v);
+}
+FANOUT_EXPORT void adr_v_string(AdrBuffer* buf, char** v) {
+    marshal_item(buf, TC_string, v);
+}
+FANOUT_EXPORT void adr_v_any(AdrBuffer* buf, Any* v) {
+    marshal_item(buf, TC_any, v);
+}
 FANOUT_EXPORT void adr_v_TypeCode(AdrBuffer* buf, TypeCode* v) {
     marshal_item(buf, TC_TypeCode, v);
 }
-FANOUT_EXPORT void adr_v_Object(AdrBuffer* buf, Object* v) { marshal_item(buf, TC_Object, v); }
+FANOUT_EXPORT void adr_v_Object(AdrBuffer* buf, Object* v) {
+    marshal_item(buf, TC_Object, v);
+}
 FANOUT_EXPORT void adr_v_tc_sequence(AdrBuffer* buf, TypeCode seq_tc, void* seq) {
     marshal_item(buf, seq_tc, seq);
 }

@@ -21,25 +21,35 @@ namespace fanout::cdr {
 // The largest encoding the encoder produces (lengths are 32-bit).
 constexpr uint64_t kMaxOutput = UINT32_MAX;
 
-inline bool failed(const AdrBuffer* b) { return b->error != ADR_OK; }
+inline bool failed(const AdrBuffer* b) {
+    return b->error != ADR_OK;
+}
 
 // Records the first error only: later failures are consequences of it.
 inline void fail(AdrBuffer* b, int32_t code) {
     if (b->error == ADR_OK) b->error = code;
 }
 
-inline uint16_t bswap(uint16_t v) { return __builtin_bswap16(v); }
-inline uint32_t bswap(uint32_t v) { return __builtin_bswap32(v); }
-inline uint64_t bswap(uint64_t v) { return __builtin_bswap64(v); }
+inline uint16_t bswap(uint16_t v) {
+    return __builtin_bswap16(v);
+}
+inline uint32_t bswap(uint32_t v) {
+    return __builtin_bswap32(v);
+}
+inline uint64_t bswap(uint64_t v) {
+    return __builtin_bswap64(v);
+}
 
 // Converts between host order and big-endian (the order of everything the
 // encoder writes); the same call works in both directions.
-template <typename T> inline T to_big(T v) {
+template <typename T>
+inline T to_big(T v) {
     if constexpr (std::endian::native == std::endian::little) return bswap(v);
     return v;
 }
 // Converts a value read from a stream in the given order to host order.
-template <typename T> inline T from_stream(T v, bool little) {
+template <typename T>
+inline T from_stream(T v, bool little) {
     if constexpr (std::endian::native == std::endian::little) return little ? v : bswap(v);
     return little ? bswap(v) : v;
 }
@@ -75,12 +85,15 @@ inline void put_u8(AdrBuffer* b, uint8_t v) {
     if (uint8_t* at = put_space(b, 1)) *at = v;
 }
 
-template <typename T> inline void put_scalar(AdrBuffer* b, T v) {
+template <typename T>
+inline void put_scalar(AdrBuffer* b, T v) {
     put_align(b, sizeof(T));
     T big = to_big(v);
     if (uint8_t* at = put_space(b, sizeof(T))) std::memcpy(at, &big, sizeof(T));
 }
-inline void put_u32(AdrBuffer* b, uint32_t v) { put_scalar<uint32_t>(b, v); }
+inline void put_u32(AdrBuffer* b, uint32_t v) {
+    put_scalar<uint32_t>(b, v);
+}
 
 inline void put_bytes(AdrBuffer* b, const void* p, uint32_t n) {
     if (n == 0) return;
@@ -99,7 +112,9 @@ inline void put_string(AdrBuffer* b, const char* s) {
 
 /* ---------------------------------------------------------------- decoder */
 
-inline uint32_t remaining(const AdrBuffer* b) { return b->length - b->position; }
+inline uint32_t remaining(const AdrBuffer* b) {
+    return b->length - b->position;
+}
 
 // Skips the padding before a value of the given alignment.
 inline bool get_align(AdrBuffer* b, uint32_t align) {
@@ -132,7 +147,8 @@ inline bool get_u8(AdrBuffer* b, uint8_t* v) {
     return true;
 }
 
-template <typename T> inline bool get_scalar(AdrBuffer* b, T* v) {
+template <typename T>
+inline bool get_scalar(AdrBuffer* b, T* v) {
     if (!get_align(b, sizeof(T))) return false;
     const uint8_t* at = get_space(b, sizeof(T));
     if (at == nullptr) return false;
@@ -141,7 +157,9 @@ template <typename T> inline bool get_scalar(AdrBuffer* b, T* v) {
     *v = from_stream(raw, b->swap != 0);
     return true;
 }
-inline bool get_u32(AdrBuffer* b, uint32_t* v) { return get_scalar<uint32_t>(b, v); }
+inline bool get_u32(AdrBuffer* b, uint32_t* v) {
+    return get_scalar<uint32_t>(b, v);
+}
 
 // Reads a CDR string in place: on success `s` points at its bytes inside the
 // input (NUL-terminated, no NUL inside) and `n` is its length without the NUL.
@@ -152,7 +170,7 @@ bool get_string_view(AdrBuffer* b, const char** s, uint32_t* n);
 // Counts one level of nesting for as long as it lives; past ADR_MAX_DEPTH
 // the buffer fails with ADR_ERR_TOO_DEEP and ok() is false.
 class DepthGuard {
-public:
+  public:
     explicit DepthGuard(AdrBuffer* b) : b_(b) {
         if (++b_->depth > ADR_MAX_DEPTH) fail(b_, ADR_ERR_TOO_DEEP);
     }
@@ -161,7 +179,7 @@ public:
     DepthGuard& operator=(const DepthGuard&) = delete;
     bool ok() const { return !failed(b_); }
 
-private:
+  private:
     AdrBuffer* b_;
 };
 

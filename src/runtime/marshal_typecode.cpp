@@ -45,7 +45,7 @@ constexpr uint64_t kExpansionSlack = 64;
 // Opens an encapsulation: a length word, then the byte-order octet (0, big-
 // endian) at which alignment restarts. The destructor fills in the length.
 class EncapsulationWriter {
-public:
+  public:
     explicit EncapsulationWriter(AdrBuffer* b) : b_(b), saved_origin_(b->origin) {
         put_u32(b_, 0);
         slot_ = b_->length - 4;
@@ -62,7 +62,7 @@ public:
     EncapsulationWriter(const EncapsulationWriter&) = delete;
     EncapsulationWriter& operator=(const EncapsulationWriter&) = delete;
 
-private:
+  private:
     AdrBuffer* b_;
     uint32_t saved_origin_;
     uint32_t slot_ = 0;
@@ -79,59 +79,72 @@ void write_typecode(AdrBuffer* b, TypeCode tc) {
     if (tc == nullptr) tc = TC_null;
     put_u32(b, tc->kind);
     switch (tc->kind) {
-    case FANOUT_TK_NULL: case FANOUT_TK_VOID: case FANOUT_TK_SHORT: case FANOUT_TK_LONG:
-    case FANOUT_TK_USHORT: case FANOUT_TK_ULONG: case FANOUT_TK_FLOAT: case FANOUT_TK_DOUBLE:
-    case FANOUT_TK_BOOLEAN: case FANOUT_TK_CHAR: case FANOUT_TK_OCTET: case FANOUT_TK_ANY:
-    case FANOUT_TK_TYPECODE: case FANOUT_TK_LONGLONG: case FANOUT_TK_ULONGLONG:
-        return;
-    case FANOUT_TK_STRING: return put_u32(b, tc->bound);
-    case FANOUT_TK_OBJREF: {
-        EncapsulationWriter encap(b);
-        put_string(b, tc->repo_id);
-        put_string(b, tc->name);
-        return;
-    }
-    case FANOUT_TK_STRUCT:
-    case FANOUT_TK_EXCEPT: {
-        EncapsulationWriter encap(b);
-        put_string(b, tc->repo_id);
-        put_string(b, tc->name);
-        put_u32(b, tc->member_count);
-        for (uint32_t i = 0; i < tc->member_count && !failed(b); ++i) {
-            put_string(b, tc->member_names != nullptr ? tc->member_names[i] : "");
-            TypeCode m = member(tc, i);
-            if (m == nullptr) return fail(b, ADR_ERR_BAD_TYPECODE);
-            write_typecode(b, m);
+        case FANOUT_TK_NULL:
+        case FANOUT_TK_VOID:
+        case FANOUT_TK_SHORT:
+        case FANOUT_TK_LONG:
+        case FANOUT_TK_USHORT:
+        case FANOUT_TK_ULONG:
+        case FANOUT_TK_FLOAT:
+        case FANOUT_TK_DOUBLE:
+        case FANOUT_TK_BOOLEAN:
+        case FANOUT_TK_CHAR:
+        case FANOUT_TK_OCTET:
+        case FANOUT_TK_ANY:
+        case FANOUT_TK_TYPECODE:
+        case FANOUT_TK_LONGLONG:
+        case FANOUT_TK_ULONGLONG:
+            return;
+        case FANOUT_TK_STRING:
+            return put_u32(b, tc->bound);
+        case FANOUT_TK_OBJREF: {
+            EncapsulationWriter encap(b);
+            put_string(b, tc->repo_id);
+            put_string(b, tc->name);
+            return;
         }
-        return;
-    }
-    case FANOUT_TK_ENUM: {
-        EncapsulationWriter encap(b);
-        put_string(b, tc->repo_id);
-        put_string(b, tc->name);
-        put_u32(b, tc->member_count);
-        for (uint32_t i = 0; i < tc->member_count && !failed(b); ++i)
-            put_string(b, tc->member_names != nullptr ? tc->member_names[i] : "");
-        return;
-    }
-    case FANOUT_TK_SEQUENCE: {
-        TypeCode elem = member(tc, 0);
-        if (elem == nullptr) return fail(b, ADR_ERR_BAD_TYPECODE);
-        EncapsulationWriter encap(b);
-        write_typecode(b, elem);
-        put_u32(b, tc->bound);
-        return;
-    }
-    case FANOUT_TK_ALIAS: {
-        TypeCode named = member(tc, 0);
-        if (named == nullptr) return fail(b, ADR_ERR_BAD_TYPECODE);
-        EncapsulationWriter encap(b);
-        put_string(b, tc->repo_id);
-        put_string(b, tc->name);
-        write_typecode(b, named);
-        return;
-    }
-    default: return fail(b, ADR_ERR_UNSUPPORTED);
+        case FANOUT_TK_STRUCT:
+        case FANOUT_TK_EXCEPT: {
+            EncapsulationWriter encap(b);
+            put_string(b, tc->repo_id);
+            put_string(b, tc->name);
+            put_u32(b, tc->member_count);
+            for (uint32_t i = 0; i < tc->member_count && !failed(b); ++i) {
+                put_string(b, tc->member_names != nullptr ? tc->member_names[i] : "");
+                TypeCode m = member(tc, i);
+                if (m == nullptr) return fail(b, ADR_ERR_BAD_TYPECODE);
+                write_typecode(b, m);
+            }
+            return;
+        }
+        case FANOUT_TK_ENUM: {
+            EncapsulationWriter encap(b);
+            put_string(b, tc->repo_id);
+            put_string(b, tc->name);
+            put_u32(b, tc->member_count);
+            for (uint32_t i = 0; i < tc->member_count && !failed(b); ++i)
+                put_string(b, tc->member_names != nullptr ? tc->member_names[i] : "");
+            return;
+        }
+        case FANOUT_TK_SEQUENCE: {
+            TypeCode elem = member(tc, 0);
+            if (elem == nullptr) return fail(b, ADR_ERR_BAD_TYPECODE);
+            EncapsulationWriter encap(b);
+            write_typecode(b, elem);
+            put_u32(b, tc->bound);
+            return;
+        }
+        case FANOUT_TK_ALIAS: {
+            TypeCode named = member(tc, 0);
+            if (named == nullptr) return fail(b, ADR_ERR_BAD_TYPECODE);
+            EncapsulationWriter encap(b);
+            put_string(b, tc->repo_id);
+            put_string(b, tc->name);
+            write_typecode(b, named);
+            return;
+        }
+        default:
+            return fail(b, ADR_ERR_UNSUPPORTED);
     }
 }
 
@@ -147,7 +160,7 @@ using TcRef = std::unique_ptr<const TypeCodeRec, ReleaseTc>;
 // restores the outer stream and moves past the whole encapsulation (octets
 // after the parameters are ignored).
 class EncapsulationReader {
-public:
+  public:
     explicit EncapsulationReader(AdrBuffer* b)
         : b_(b), outer_length_(b->length), outer_origin_(b->origin), outer_swap_(b->swap) {
         uint32_t len = 0;
@@ -176,7 +189,7 @@ public:
     EncapsulationReader(const EncapsulationReader&) = delete;
     EncapsulationReader& operator=(const EncapsulationReader&) = delete;
 
-private:
+  private:
     AdrBuffer* b_;
     uint32_t outer_length_, outer_origin_;
     int32_t outer_swap_;
@@ -194,7 +207,7 @@ bool valid_component(TypeCode tc) {
 }
 
 class TypeCodeReader {
-public:
+  public:
     explicit TypeCodeReader(AdrBuffer* b) : b_(b), first_(b->position) {}
     ~TypeCodeReader() {
         for (const Seen& s : seen_) TypeCode_release(s.tc);
@@ -205,7 +218,7 @@ public:
     // One TypeCode (and everything nested in it); null with the error set.
     TcRef read();
 
-private:
+  private:
     struct Seen {
         uint32_t at;     // position of its kind word
         uint64_t nodes;  // nodes it describes, shared parts counted at every use
@@ -349,87 +362,88 @@ TcRef TypeCodeReader::read_body(uint32_t kind) {
         if (failed(b_)) return nullptr;
     }
     switch (kind) {
-    case FANOUT_TK_STRING: {
-        uint32_t bound = 0;
-        if (!get_u32(b_, &bound)) return nullptr;
-        if (bound == 0) return TcRef(TC_string);
-        TcRef tc(tc_new_dynamic(kind));
-        auto* rec = const_cast<TypeCodeRec*>(tc.get());
-        rec->bound = bound;
-        tc_kind_layout(kind, &rec->size, &rec->align);
-        return tc;
-    }
-    case FANOUT_TK_OBJREF:
-    case FANOUT_TK_ENUM: {
-        EncapsulationReader encap(b_);
-        TcRef tc(tc_new_dynamic(kind));
-        auto* rec = const_cast<TypeCodeRec*>(tc.get());
-        if (failed(b_) || !read_names(rec)) return nullptr;
-        tc_kind_layout(kind, &rec->size, &rec->align);
-        if (kind == FANOUT_TK_ENUM) {
-            uint32_t count = 0;
-            if (!get_u32(b_, &count)) return nullptr;
-            if (count == 0) return fail_with(ADR_ERR_BAD_TYPECODE);
-            if (count > remaining(b_) / 5) return fail_with(ADR_ERR_BAD_LENGTH);
-            rec->member_count = count;
-            auto** names = static_cast<const char**>(mg_calloc(count, sizeof(char*)));
-            rec->member_names = names;
-            for (uint32_t i = 0; i < count; ++i) {
-                names[i] = read_text();
-                if (names[i] == nullptr) return nullptr;
-            }
+        case FANOUT_TK_STRING: {
+            uint32_t bound = 0;
+            if (!get_u32(b_, &bound)) return nullptr;
+            if (bound == 0) return TcRef(TC_string);
+            TcRef tc(tc_new_dynamic(kind));
+            auto* rec = const_cast<TypeCodeRec*>(tc.get());
+            rec->bound = bound;
+            tc_kind_layout(kind, &rec->size, &rec->align);
+            return tc;
         }
-        return registered(std::move(tc));
-    }
-    case FANOUT_TK_STRUCT:
-    case FANOUT_TK_EXCEPT: {
-        EncapsulationReader encap(b_);
-        if (failed(b_)) return nullptr;
-        TcRef tc = read_members(tc_new_dynamic(kind), kind == FANOUT_TK_STRUCT);
-        return tc == nullptr ? nullptr : registered(std::move(tc));
-    }
-    case FANOUT_TK_SEQUENCE: {
-        EncapsulationReader encap(b_);
-        if (failed(b_)) return nullptr;
-        TcRef elem = read();
-        uint32_t bound = 0;
-        if (elem == nullptr || !get_u32(b_, &bound)) return nullptr;
-        if (!valid_component(elem.get())) return fail_with(ADR_ERR_BAD_TYPECODE);
-        TcRef tc(tc_new_dynamic(kind));
-        auto* rec = const_cast<TypeCodeRec*>(tc.get());
-        rec->repo_id = mg_strdup("");
-        rec->name = mg_strdup("");
-        rec->bound = bound;
-        rec->member_count = 1;
-        auto** types = static_cast<TypeCode*>(mg_calloc(1, sizeof(TypeCode)));
-        types[0] = elem.release();
-        rec->member_types = types;
-        tc_kind_layout(kind, &rec->size, &rec->align);
-        return tc;
-    }
-    case FANOUT_TK_ALIAS: {
-        EncapsulationReader encap(b_);
-        if (failed(b_)) return nullptr;
-        TcRef tc(tc_new_dynamic(kind));
-        auto* rec = const_cast<TypeCodeRec*>(tc.get());
-        if (!read_names(rec)) return nullptr;
-        TcRef named = read();
-        if (named == nullptr) return nullptr;
-        if (!valid_component(named.get())) return fail_with(ADR_ERR_BAD_TYPECODE);
-        rec->size = tc_size(named.get());
-        rec->align = named->align;
-        rec->member_count = 1;
-        auto** types = static_cast<TypeCode*>(mg_calloc(1, sizeof(TypeCode)));
-        types[0] = named.release();
-        rec->member_types = types;
-        return registered(std::move(tc));
-    }
-    case FANOUT_TK_PRINCIPAL:
-    case FANOUT_TK_UNION:
-    case FANOUT_TK_ARRAY:
-        // Known to CDR, but the runtime has no memory layout for their values.
-        return fail_with(ADR_ERR_UNSUPPORTED);
-    default: return fail_with(ADR_ERR_BAD_TYPECODE);
+        case FANOUT_TK_OBJREF:
+        case FANOUT_TK_ENUM: {
+            EncapsulationReader encap(b_);
+            TcRef tc(tc_new_dynamic(kind));
+            auto* rec = const_cast<TypeCodeRec*>(tc.get());
+            if (failed(b_) || !read_names(rec)) return nullptr;
+            tc_kind_layout(kind, &rec->size, &rec->align);
+            if (kind == FANOUT_TK_ENUM) {
+                uint32_t count = 0;
+                if (!get_u32(b_, &count)) return nullptr;
+                if (count == 0) return fail_with(ADR_ERR_BAD_TYPECODE);
+                if (count > remaining(b_) / 5) return fail_with(ADR_ERR_BAD_LENGTH);
+                rec->member_count = count;
+                auto** names = static_cast<const char**>(mg_calloc(count, sizeof(char*)));
+                rec->member_names = names;
+                for (uint32_t i = 0; i < count; ++i) {
+                    names[i] = read_text();
+                    if (names[i] == nullptr) return nullptr;
+                }
+            }
+            return registered(std::move(tc));
+        }
+        case FANOUT_TK_STRUCT:
+        case FANOUT_TK_EXCEPT: {
+            EncapsulationReader encap(b_);
+            if (failed(b_)) return nullptr;
+            TcRef tc = read_members(tc_new_dynamic(kind), kind == FANOUT_TK_STRUCT);
+            return tc == nullptr ? nullptr : registered(std::move(tc));
+        }
+        case FANOUT_TK_SEQUENCE: {
+            EncapsulationReader encap(b_);
+            if (failed(b_)) return nullptr;
+            TcRef elem = read();
+            uint32_t bound = 0;
+            if (elem == nullptr || !get_u32(b_, &bound)) return nullptr;
+            if (!valid_component(elem.get())) return fail_with(ADR_ERR_BAD_TYPECODE);
+            TcRef tc(tc_new_dynamic(kind));
+            auto* rec = const_cast<TypeCodeRec*>(tc.get());
+            rec->repo_id = mg_strdup("");
+            rec->name = mg_strdup("");
+            rec->bound = bound;
+            rec->member_count = 1;
+            auto** types = static_cast<TypeCode*>(mg_calloc(1, sizeof(TypeCode)));
+            types[0] = elem.release();
+            rec->member_types = types;
+            tc_kind_layout(kind, &rec->size, &rec->align);
+            return tc;
+        }
+        case FANOUT_TK_ALIAS: {
+            EncapsulationReader encap(b_);
+            if (failed(b_)) return nullptr;
+            TcRef tc(tc_new_dynamic(kind));
+            auto* rec = const_cast<TypeCodeRec*>(tc.get());
+            if (!read_names(rec)) return nullptr;
+            TcRef named = read();
+            if (named == nullptr) return nullptr;
+            if (!valid_component(named.get())) return fail_with(ADR_ERR_BAD_TYPECODE);
+            rec->size = tc_size(named.get());
+            rec->align = named->align;
+            rec->member_count = 1;
+            auto** types = static_cast<TypeCode*>(mg_calloc(1, sizeof(TypeCode)));
+            types[0] = named.release();
+            rec->member_types = types;
+            return registered(std::move(tc));
+        }
+        case FANOUT_TK_PRINCIPAL:
+        case FANOUT_TK_UNION:
+        case FANOUT_TK_ARRAY:
+            // Known to CDR, but the runtime has no memory layout for their values.
+            return fail_with(ADR_ERR_UNSUPPORTED);
+        default:
+            return fail_with(ADR_ERR_BAD_TYPECODE);
     }
 }
 
@@ -497,8 +511,7 @@ TcRef TypeCodeReader::read_canonical() {
     len = to_big(len);
     id_len = to_big(id_len);
     // Big-endian only: the length word and the order octet of our own output.
-    if (b_->swap != 0 || p[4] != 0 || len > left - 4 || len < 8 || id_len == 0 ||
-        id_len > len - 8)
+    if (b_->swap != 0 || p[4] != 0 || len > left - 4 || len < 8 || id_len == 0 || id_len > len - 8)
         return nullptr;
     const auto* id = reinterpret_cast<const char*>(p + 12);
     if (id[id_len - 1] != '\0') return nullptr;
@@ -517,29 +530,48 @@ TcRef TypeCodeReader::read_canonical() {
 uint32_t min_wire(TypeCode tc, int depth) {
     if (tc == nullptr || depth > 2 * ADR_MAX_DEPTH) return 0;
     switch (tc->kind) {
-    case FANOUT_TK_SHORT:
-    case FANOUT_TK_USHORT: return 2;
-    case FANOUT_TK_LONG: case FANOUT_TK_ULONG: case FANOUT_TK_FLOAT: case FANOUT_TK_ENUM:
-    case FANOUT_TK_ANY: case FANOUT_TK_TYPECODE: case FANOUT_TK_SEQUENCE: return 4;
-    case FANOUT_TK_LONGLONG: case FANOUT_TK_ULONGLONG: case FANOUT_TK_DOUBLE: return 8;
-    case FANOUT_TK_BOOLEAN: case FANOUT_TK_CHAR: case FANOUT_TK_OCTET: return 1;
-    case FANOUT_TK_STRING: return 5;   // length word and the NUL
-    case FANOUT_TK_OBJREF: return 9;   // an empty type id and a profile count
-    case FANOUT_TK_ALIAS: return min_wire(member(tc, 0), depth + 1);
-    case FANOUT_TK_STRUCT:
-    case FANOUT_TK_EXCEPT: {
-        uint64_t sum = 0;
-        for (uint32_t i = 0; i < tc->member_count && sum < UINT32_MAX; ++i)
-            sum += min_wire(member(tc, i), depth + 1);
-        return sum < UINT32_MAX ? static_cast<uint32_t>(sum) : UINT32_MAX;
-    }
-    default: return 0;
+        case FANOUT_TK_SHORT:
+        case FANOUT_TK_USHORT:
+            return 2;
+        case FANOUT_TK_LONG:
+        case FANOUT_TK_ULONG:
+        case FANOUT_TK_FLOAT:
+        case FANOUT_TK_ENUM:
+        case FANOUT_TK_ANY:
+        case FANOUT_TK_TYPECODE:
+        case FANOUT_TK_SEQUENCE:
+            return 4;
+        case FANOUT_TK_LONGLONG:
+        case FANOUT_TK_ULONGLONG:
+        case FANOUT_TK_DOUBLE:
+            return 8;
+        case FANOUT_TK_BOOLEAN:
+        case FANOUT_TK_CHAR:
+        case FANOUT_TK_OCTET:
+            return 1;
+        case FANOUT_TK_STRING:
+            return 5;  // length word and the NUL
+        case FANOUT_TK_OBJREF:
+            return 9;  // an empty type id and a profile count
+        case FANOUT_TK_ALIAS:
+            return min_wire(member(tc, 0), depth + 1);
+        case FANOUT_TK_STRUCT:
+        case FANOUT_TK_EXCEPT: {
+            uint64_t sum = 0;
+            for (uint32_t i = 0; i < tc->member_count && sum < UINT32_MAX; ++i)
+                sum += min_wire(member(tc, i), depth + 1);
+            return sum < UINT32_MAX ? static_cast<uint32_t>(sum) : UINT32_MAX;
+        }
+        default:
+            return 0;
     }
 }
 
 }  // namespace
 
-uint32_t min_wire_size(TypeCode tc) { return min_wire(tc, 0); }
+uint32_t min_wire_size(TypeCode tc) {
+    return min_wire(tc, 0);
+}
 
 void encode_typecode(AdrBuffer* b, TypeCode tc) {
     put_align(b, 4);

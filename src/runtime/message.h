@@ -25,7 +25,7 @@ bool message_conversions(const char* format, std::string* letters);
 // always has room for one more pointer than its capacity. Frees what it
 // holds unless released.
 class MessageArgs {
-public:
+  public:
     MessageArgs() = default;
     MessageArgs(const MessageArgs&) = delete;
     MessageArgs& operator=(const MessageArgs&) = delete;
@@ -41,7 +41,7 @@ public:
     // Hands the array (null when empty) to the caller.
     char** release();
 
-private:
+  private:
     void make_room();
     char** items_ = nullptr;
     uint32_t count_ = 0;
@@ -51,12 +51,10 @@ private:
 // Reads one argument per letter from `args` and appends its text to *out:
 // integers rendered "%u" into 21 bytes, strings duplicated, "$errno" turned
 // into the text of `saved_errno` ("errno=%d" when the system has none).
-void message_collect(const std::string& letters, va_list args, int saved_errno,
-                     MessageArgs* out);
+void message_collect(const std::string& letters, va_list args, int saved_errno, MessageArgs* out);
 
 // Renders `format` with positional string arguments (the rules of
 // ex_render_text in exception.h), appending to *out.
-void message_render(const char* format, const char* const* args, uint32_t count,
-                    std::string* out);
+void message_render(const char* format, const char* const* args, uint32_t count, std::string* out);
 
 }  // namespace fanout

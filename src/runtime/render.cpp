@@ -28,11 +28,11 @@ constexpr size_t kTimeBuffer = 256;
 
 // One parsed placeholder: "%N$L" or "%N$t{...}".
 struct Placeholder {
-    uint32_t position = 0;    // N, from 1
-    char letter = 0;          // L
+    uint32_t position = 0;         // N, from 1
+    char letter = 0;               // L
     const char* braces = nullptr;  // the strftime format of the time form
     size_t braces_length = 0;
-    const char* end = nullptr;     // first character after the placeholder
+    const char* end = nullptr;  // first character after the placeholder
 };
 
 // Parses a placeholder starting at the "%" at p; false when p does not start
@@ -113,7 +113,9 @@ void render_with(const char* format, std::string* out, Substitute substitute) {
     }
 }
 
-const ExException* as_record(const void* record) { return static_cast<const ExException*>(record); }
+const ExException* as_record(const void* record) {
+    return static_cast<const ExException*>(record);
+}
 
 char* to_runtime_string(const std::string& text) {
     auto* copy = static_cast<char*>(mg_malloc(text.size() + 1));
@@ -123,8 +125,7 @@ char* to_runtime_string(const std::string& text) {
 
 }  // namespace
 
-void message_render(const char* format, const char* const* args, uint32_t count,
-                    std::string* out) {
+void message_render(const char* format, const char* const* args, uint32_t count, std::string* out) {
     render_with(format, out, [&](const Placeholder& ph) {
         if (ph.position == 0 || ph.position > count) return false;
         const char* value = args[ph.position - 1];
@@ -157,10 +158,15 @@ void render_record(const ExException* record, std::string* out) {
     const char* format = record->format != nullptr ? record->format : "%7$M";
     render_with(format, out, [&](const Placeholder& ph) {
         switch (ph.position) {
-            case 1: out->append(record->type_id != nullptr ? record->type_id : ""); return true;
-            case 2: out->append(record->reserved_text != nullptr ? record->reserved_text : "");
+            case 1:
+                out->append(record->type_id != nullptr ? record->type_id : "");
                 return true;
-            case 3: out->append(std::to_string(record->reserved_code)); return true;
+            case 2:
+                out->append(record->reserved_text != nullptr ? record->reserved_text : "");
+                return true;
+            case 3:
+                out->append(std::to_string(record->reserved_code));
+                return true;
             case 5: {
                 std::string seconds = std::to_string(record->timestamp);
                 if (ph.letter == 't' && ph.braces != nullptr) {
@@ -178,7 +184,8 @@ void render_record(const ExException* record, std::string* out) {
                     message_render(entry.default_text, args, count, out);
                 }
                 return true;
-            default: return false;  // 4 (the format itself) and 6 print as written
+            default:
+                return false;  // 4 (the format itself) and 6 print as written
         }
     });
 }
@@ -199,8 +206,7 @@ using fanout::first_entry;
 
 extern "C" {
 
-FANOUT_EXPORT char* ex_render_text(const char* format, const char* const* args,
-                                   uint32_t count) {
+FANOUT_EXPORT char* ex_render_text(const char* format, const char* const* args, uint32_t count) {
     if (format == nullptr) return nullptr;
     if (args == nullptr) count = 0;
     std::string text;

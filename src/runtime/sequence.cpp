@@ -16,7 +16,9 @@ namespace {
 
 constexpr uint32_t kFirstCapacity = 4;
 
-GenericSeq* as_seq(void* seq) { return static_cast<GenericSeq*>(seq); }
+GenericSeq* as_seq(void* seq) {
+    return static_cast<GenericSeq*>(seq);
+}
 
 // Makes room for one more element. A header whose maximum is below its
 // length (built by hand) is treated as full.
@@ -40,8 +42,7 @@ FANOUT_EXPORT void seq_add(void* seq, const void* element, uint32_t element_size
     auto* base = static_cast<const uint8_t*>(s->buffer);
     const auto* from = static_cast<const uint8_t*>(element);
     // The element may live in the buffer that is about to move.
-    if (base != nullptr && from >= base &&
-        from < base + size_t{s->maximum} * element_size) {
+    if (base != nullptr && from >= base && from < base + size_t{s->maximum} * element_size) {
         size_t offset = static_cast<size_t>(from - base);
         reserve_one(s, element_size);
         from = static_cast<const uint8_t*>(s->buffer) + offset;
@@ -60,8 +61,8 @@ FANOUT_EXPORT void* seq_remove(void* seq, uint32_t index, uint32_t element_size)
     void* removed = mg_malloc(element_size);
     std::memcpy(removed, base + size_t{index} * element_size, element_size);
     size_t after = size_t{s->length - index - 1} * element_size;
-    std::memmove(base + size_t{index} * element_size,
-                 base + size_t{index + 1} * element_size, after);
+    std::memmove(base + size_t{index} * element_size, base + size_t{index + 1} * element_size,
+                 after);
     s->length--;
     return removed;
 }

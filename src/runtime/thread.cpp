@@ -32,9 +32,15 @@ PalError make_error(int32_t code, int32_t native, int32_t where) {
     e.traceLocation = where;
     return e;
 }
-PalError ok() { return make_error(PAL_OK, 0, 0); }
-PalError invalid(int32_t where) { return make_error(PAL_ERR_INVALID_ARGUMENT, 0, where); }
-PalError system_error(int rc, int32_t where) { return make_error(PAL_ERR_SYSTEM, rc, where); }
+PalError ok() {
+    return make_error(PAL_OK, 0, 0);
+}
+PalError invalid(int32_t where) {
+    return make_error(PAL_ERR_INVALID_ARGUMENT, 0, where);
+}
+PalError system_error(int rc, int32_t where) {
+    return make_error(PAL_ERR_SYSTEM, rc, where);
+}
 
 // States of a PalOnce.
 constexpr int32_t kOnceIdle = 0;

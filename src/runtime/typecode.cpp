@@ -30,14 +30,24 @@ constexpr TypeCodeRec basic_rec(uint32_t kind, const char* name, uint32_t size, 
 }
 
 constexpr TypeCodeRec seq_rec(const char* reg_name, const TypeCodeRec* const* element) {
-    return TypeCodeRec{FANOUT_TK_SEQUENCE, -1, "", "", reg_name, sizeof(GenericSeq),
-                       member_align<GenericSeq>(), 0, 1, nullptr, element, nullptr};
+    return TypeCodeRec{FANOUT_TK_SEQUENCE,         -1, "", "",      reg_name, sizeof(GenericSeq),
+                       member_align<GenericSeq>(), 0,  1,  nullptr, element,  nullptr};
 }
 
 constexpr TypeCodeRec alias_rec(const char* repo_id, const char* name, const char* reg_name,
                                 const TypeCodeRec* const* named) {
-    return TypeCodeRec{FANOUT_TK_ALIAS, -1, repo_id, name, reg_name, sizeof(GenericSeq),
-                       member_align<GenericSeq>(), 0, 1, nullptr, named, nullptr};
+    return TypeCodeRec{FANOUT_TK_ALIAS,
+                       -1,
+                       repo_id,
+                       name,
+                       reg_name,
+                       sizeof(GenericSeq),
+                       member_align<GenericSeq>(),
+                       0,
+                       1,
+                       nullptr,
+                       named,
+                       nullptr};
 }
 
 }  // namespace
@@ -61,8 +71,7 @@ const TypeCodeRec _tc_rec_double =
 const TypeCodeRec _tc_rec_boolean = basic_rec(FANOUT_TK_BOOLEAN, "boolean", 1, 1);
 const TypeCodeRec _tc_rec_char = basic_rec(FANOUT_TK_CHAR, "char", 1, 1);
 const TypeCodeRec _tc_rec_octet = basic_rec(FANOUT_TK_OCTET, "octet", 1, 1);
-const TypeCodeRec _tc_rec_any =
-    basic_rec(FANOUT_TK_ANY, "any", sizeof(Any), member_align<Any>());
+const TypeCodeRec _tc_rec_any = basic_rec(FANOUT_TK_ANY, "any", sizeof(Any), member_align<Any>());
 const TypeCodeRec _tc_rec_TypeCode =
     basic_rec(FANOUT_TK_TYPECODE, "TypeCode", sizeof(TypeCode), member_align<TypeCode>());
 const TypeCodeRec _tc_rec_string =
@@ -71,9 +80,18 @@ const TypeCodeRec _tc_rec_longlong =
     basic_rec(FANOUT_TK_LONGLONG, "longlong", sizeof(int64_t), member_align<int64_t>());
 const TypeCodeRec _tc_rec_ulonglong =
     basic_rec(FANOUT_TK_ULONGLONG, "ulonglong", sizeof(uint64_t), member_align<uint64_t>());
-const TypeCodeRec _tc_rec_Object = {
-    FANOUT_TK_OBJREF, -1, "IDL:omg.org/CORBA/Object:1.0", "Object", "CORBA::Object",
-    sizeof(Object), member_align<Object>(), 0, 0, nullptr, nullptr, nullptr};
+const TypeCodeRec _tc_rec_Object = {FANOUT_TK_OBJREF,
+                                    -1,
+                                    "IDL:omg.org/CORBA/Object:1.0",
+                                    "Object",
+                                    "CORBA::Object",
+                                    sizeof(Object),
+                                    member_align<Object>(),
+                                    0,
+                                    0,
+                                    nullptr,
+                                    nullptr,
+                                    nullptr};
 
 }  // extern "C"
 
@@ -83,10 +101,10 @@ const TypeCodeRec* const kOctetElement[] = {&_tc_rec_octet};
 const TypeCodeRec* const kStringElement[] = {&_tc_rec_string};
 const TypeCodeRec* const kAnyElement[] = {&_tc_rec_any};
 
-const TypeCodeRec kSeqOctetOctetList = seq_rec("Kel_Types::_sequence_octet_OctetList",
-                                               kOctetElement);
-const TypeCodeRec kSeqStringStringList = seq_rec("Kel_Types::_sequence_string_StringList",
-                                                 kStringElement);
+const TypeCodeRec kSeqOctetOctetList =
+    seq_rec("Kel_Types::_sequence_octet_OctetList", kOctetElement);
+const TypeCodeRec kSeqStringStringList =
+    seq_rec("Kel_Types::_sequence_string_StringList", kStringElement);
 const TypeCodeRec* const kOctetListNamed[] = {&kSeqOctetOctetList};
 const TypeCodeRec* const kStringListNamed[] = {&kSeqStringStringList};
 
@@ -95,11 +113,9 @@ const TypeCodeRec* const kStringListNamed[] = {&kSeqStringStringList};
 extern "C" {
 
 const TypeCodeRec _tc_rec_Kel_Types_OctetList =
-    alias_rec("IDL:Kel_Types/OctetList:1.0", "OctetList", "Kel_Types::OctetList",
-              kOctetListNamed);
-const TypeCodeRec _tc_rec_Kel_Types_StringList =
-    alias_rec("IDL:Kel_Types/StringList:1.0", "StringList", "Kel_Types::StringList",
-              kStringListNamed);
+    alias_rec("IDL:Kel_Types/OctetList:1.0", "OctetList", "Kel_Types::OctetList", kOctetListNamed);
+const TypeCodeRec _tc_rec_Kel_Types_StringList = alias_rec(
+    "IDL:Kel_Types/StringList:1.0", "StringList", "Kel_Types::StringList", kStringListNamed);
 const TypeCodeRec _tc_rec__sequence_any_MsgContext =
     seq_rec("_sequence_any_MsgContext", kAnyElement);
 
@@ -144,7 +160,9 @@ std::atomic_ref<int32_t> refcount_of(TypeCode tc) {
     return std::atomic_ref<int32_t>(const_cast<int32_t&>(tc->refcount));
 }
 
-const char* repo_or_empty(TypeCode tc) { return tc->repo_id != nullptr ? tc->repo_id : ""; }
+const char* repo_or_empty(TypeCode tc) {
+    return tc->repo_id != nullptr ? tc->repo_id : "";
+}
 
 TypeCode member_type(TypeCode tc, uint32_t i) {
     return tc->member_types != nullptr ? tc->member_types[i] : nullptr;
@@ -215,10 +233,19 @@ bool tc_is_flat(TypeCode tc) noexcept {
     tc = tc_unalias(tc);
     if (tc == nullptr) return false;
     switch (tc->kind) {
-        case FANOUT_TK_NULL: case FANOUT_TK_VOID: case FANOUT_TK_SHORT: case FANOUT_TK_LONG:
-        case FANOUT_TK_USHORT: case FANOUT_TK_ULONG: case FANOUT_TK_FLOAT:
-        case FANOUT_TK_DOUBLE: case FANOUT_TK_BOOLEAN: case FANOUT_TK_CHAR:
-        case FANOUT_TK_OCTET: case FANOUT_TK_ENUM: case FANOUT_TK_LONGLONG:
+        case FANOUT_TK_NULL:
+        case FANOUT_TK_VOID:
+        case FANOUT_TK_SHORT:
+        case FANOUT_TK_LONG:
+        case FANOUT_TK_USHORT:
+        case FANOUT_TK_ULONG:
+        case FANOUT_TK_FLOAT:
+        case FANOUT_TK_DOUBLE:
+        case FANOUT_TK_BOOLEAN:
+        case FANOUT_TK_CHAR:
+        case FANOUT_TK_OCTET:
+        case FANOUT_TK_ENUM:
+        case FANOUT_TK_LONGLONG:
         case FANOUT_TK_ULONGLONG:
             return true;
         default:
@@ -228,23 +255,40 @@ bool tc_is_flat(TypeCode tc) noexcept {
 
 TypeCode tc_basic(uint32_t kind) noexcept {
     switch (kind) {
-        case FANOUT_TK_NULL: return TC_null;
-        case FANOUT_TK_VOID: return TC_void;
-        case FANOUT_TK_SHORT: return TC_short;
-        case FANOUT_TK_LONG: return TC_long;
-        case FANOUT_TK_USHORT: return TC_ushort;
-        case FANOUT_TK_ULONG: return TC_ulong;
-        case FANOUT_TK_FLOAT: return TC_float;
-        case FANOUT_TK_DOUBLE: return TC_double;
-        case FANOUT_TK_BOOLEAN: return TC_boolean;
-        case FANOUT_TK_CHAR: return TC_char;
-        case FANOUT_TK_OCTET: return TC_octet;
-        case FANOUT_TK_ANY: return TC_any;
-        case FANOUT_TK_TYPECODE: return TC_TypeCode;
-        case FANOUT_TK_STRING: return TC_string;
-        case FANOUT_TK_LONGLONG: return TC_longlong;
-        case FANOUT_TK_ULONGLONG: return TC_ulonglong;
-        default: return nullptr;
+        case FANOUT_TK_NULL:
+            return TC_null;
+        case FANOUT_TK_VOID:
+            return TC_void;
+        case FANOUT_TK_SHORT:
+            return TC_short;
+        case FANOUT_TK_LONG:
+            return TC_long;
+        case FANOUT_TK_USHORT:
+            return TC_ushort;
+        case FANOUT_TK_ULONG:
+            return TC_ulong;
+        case FANOUT_TK_FLOAT:
+            return TC_float;
+        case FANOUT_TK_DOUBLE:
+            return TC_double;
+        case FANOUT_TK_BOOLEAN:
+            return TC_boolean;
+        case FANOUT_TK_CHAR:
+            return TC_char;
+        case FANOUT_TK_OCTET:
+            return TC_octet;
+        case FANOUT_TK_ANY:
+            return TC_any;
+        case FANOUT_TK_TYPECODE:
+            return TC_TypeCode;
+        case FANOUT_TK_STRING:
+            return TC_string;
+        case FANOUT_TK_LONGLONG:
+            return TC_longlong;
+        case FANOUT_TK_ULONGLONG:
+            return TC_ulonglong;
+        default:
+            return nullptr;
     }
 }
 
@@ -324,9 +368,9 @@ Registry& registry() {
     // The runtime's own named types are always known to the decoder.
     static Registry* r = [] {
         auto* fresh = new Registry;
-        for (TypeCode tc : {TC_Object, TC_Kel_Types_OctetList, TC_Kel_Types_StringList,
-                            TC_Kel_Types_XOpenMessageEntry, TC_Kel_Types_XOpenMessage,
-                            TC_ExErrorMsg}) {
+        for (TypeCode tc :
+             {TC_Object, TC_Kel_Types_OctetList, TC_Kel_Types_StringList,
+              TC_Kel_Types_XOpenMessageEntry, TC_Kel_Types_XOpenMessage, TC_ExErrorMsg}) {
             register_locked(*fresh, tc);
         }
         return fresh;

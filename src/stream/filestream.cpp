@@ -225,14 +225,14 @@ int32_t is_stream_stopped(void** data) {
     }
     // These two lines have neither the "fanout: " prefix nor a newline.
     switch (static_cast<uint8_t*>(*data)[0]) {
-    case FANOUT_STATUS_CANCEL:
-        fanout_log_line(2, "from_file distribution has been canceled");
-        return NET_STREAM_CANCELLED;
-    case FANOUT_STATUS_PAUSE:
-        fanout_log_line(2, "from_file distribution has been paused");
-        return NET_STREAM_PAUSED;
-    default:
-        return 0;
+        case FANOUT_STATUS_CANCEL:
+            fanout_log_line(2, "from_file distribution has been canceled");
+            return NET_STREAM_CANCELLED;
+        case FANOUT_STATUS_PAUSE:
+            fanout_log_line(2, "from_file distribution has been paused");
+            return NET_STREAM_PAUSED;
+        default:
+            return 0;
     }
 }
 

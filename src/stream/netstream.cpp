@@ -41,7 +41,9 @@ constexpr const char* kProgress14 =
 constexpr const char* kProgress18 =
     "fanout: Couldn't write progress file for distribution                  %s\n";
 
-bool is_file_type(uint32_t type) { return type >= 4 && type <= 11; }
+bool is_file_type(uint32_t type) {
+    return type >= 4 && type <= 11;
+}
 
 // The write buffer carries its capacity in a word before the bytes, so that a
 // second net_stream_write_begin that brings a larger block size can grow it
@@ -68,7 +70,8 @@ void buffer_free(uint8_t* buffer) {
 }
 
 uint8_t* buffer_grow(uint8_t* buffer, uint32_t capacity) {
-    auto* block = static_cast<uint8_t*>(mg_realloc(buffer - kBufferHeader, kBufferHeader + capacity));
+    auto* block =
+        static_cast<uint8_t*>(mg_realloc(buffer - kBufferHeader, kBufferHeader + capacity));
     uint64_t cap = capacity;
     std::memcpy(block, &cap, sizeof cap);
     return block + kBufferHeader;
@@ -224,27 +227,32 @@ NetStream* net_stream_open(const StreamKey* key) {
     const uint32_t type = key->buffer[0];
     NetStream* s = nullptr;
     switch (type) {
-    case 2: case 6: case 7: case 8: case 9: case 10:
-        s = static_cast<NetStream*>(mg_calloc(1, sizeof(NetStream)));
-        s->block_size = NET_STREAM_BLOCK_SIZE;
-        break;
-    case 11:
-        ferry_init();
-        if (!ferry_loaded) {
+        case 2:
+        case 6:
+        case 7:
+        case 8:
+        case 9:
+        case 10:
+            s = static_cast<NetStream*>(mg_calloc(1, sizeof(NetStream)));
+            s->block_size = NET_STREAM_BLOCK_SIZE;
+            break;
+        case 11:
+            ferry_init();
+            if (!ferry_loaded) {
+                return nullptr;
+            }
+            s = static_cast<NetStream*>(mg_calloc(1, sizeof(NetStream)));
+            s->block_size = NET_STREAM_BLOCK_SIZE;
+            s->source = mg_calloc(1, sizeof(FileList));
+            break;
+        case 3:
+            s = static_cast<NetStream*>(mg_calloc(1, sizeof(NetStream)));
+            break;
+        case 4:
+            s = file_stream_open(key_text(key).c_str());
+            break;
+        default:
             return nullptr;
-        }
-        s = static_cast<NetStream*>(mg_calloc(1, sizeof(NetStream)));
-        s->block_size = NET_STREAM_BLOCK_SIZE;
-        s->source = mg_calloc(1, sizeof(FileList));
-        break;
-    case 3:
-        s = static_cast<NetStream*>(mg_calloc(1, sizeof(NetStream)));
-        break;
-    case 4:
-        s = file_stream_open(key_text(key).c_str());
-        break;
-    default:
-        return nullptr;
     }
     try {
         if (type != NET_STREAM_SEND && is_mobile_ep(key)) {
@@ -281,11 +289,12 @@ NetStream* net_stream_open(const StreamKey* key) {
 int32_t net_stream_read(NetStream* s, void** data) {
     *data = nullptr;
     std::unique_ptr<Kel_Types_OctetList, void (*)(Kel_Types_OctetList*)> octets(nullptr,
-                                                                              free_toc_octets);
+                                                                                free_toc_octets);
     const bool network = !is_file_type(s->type);
     if (!s->started && s->toc != nullptr) {
         if (s->type == NET_STREAM_RECV) {
-            auto* list = static_cast<Kel_Types_OctetList*>(mg_calloc(1, sizeof(Kel_Types_OctetList)));
+            auto* list =
+                static_cast<Kel_Types_OctetList*>(mg_calloc(1, sizeof(Kel_Types_OctetList)));
             octets.reset(list);
             void* bytes = nullptr;
             uint32_t len = 0;
@@ -300,44 +309,49 @@ int32_t net_stream_read(NetStream* s, void** data) {
 
     int32_t count = 0;
     switch (s->type) {
-    case 6: case 7: case 8: case 11: {
-        int32_t stop = is_stream_stopped(data);
-        // The control block has said all it had to say.
-        mg_free(*data);
-        *data = nullptr;
-        if (stop == NET_STREAM_CANCELLED || stop == NET_STREAM_PAUSED) {
-            return stop;
-        }
-    }
-        [[fallthrough]];
-    case 4: case 9: case 10:
-        s->started = 1;
-        count = file_stream_read(s, data);
-        if (s->mobile) {
-            mobile_ep_update_progress(s, count + 1);
-        }
-        break;
-    case NET_STREAM_RECV:
-        for (;;) {
-            count = ep_fanout_recv(data, octets.get());
-            octets.reset();
-            s->started = 1;
-            if (s->mobile) {
-                mobile_ep_update_progress(s, count);
+        case 6:
+        case 7:
+        case 8:
+        case 11: {
+            int32_t stop = is_stream_stopped(data);
+            // The control block has said all it had to say.
+            mg_free(*data);
+            *data = nullptr;
+            if (stop == NET_STREAM_CANCELLED || stop == NET_STREAM_PAUSED) {
+                return stop;
             }
-            // A data block without data would read as the end of the stream:
-            // it is skipped and the next block is read instead.
-            if (count == 1 && static_cast<uint8_t*>(*data)[0] == FANOUT_STATUS_DATA) {
-                mg_free(*data);
-                *data = nullptr;
-                continue;
+        }
+            [[fallthrough]];
+        case 4:
+        case 9:
+        case 10:
+            s->started = 1;
+            count = file_stream_read(s, data);
+            if (s->mobile) {
+                mobile_ep_update_progress(s, count + 1);
             }
             break;
-        }
-        break;
-    default:
-        count = 0;
-        break;
+        case NET_STREAM_RECV:
+            for (;;) {
+                count = ep_fanout_recv(data, octets.get());
+                octets.reset();
+                s->started = 1;
+                if (s->mobile) {
+                    mobile_ep_update_progress(s, count);
+                }
+                // A data block without data would read as the end of the stream:
+                // it is skipped and the next block is read instead.
+                if (count == 1 && static_cast<uint8_t*>(*data)[0] == FANOUT_STATUS_DATA) {
+                    mg_free(*data);
+                    *data = nullptr;
+                    continue;
+                }
+                break;
+            }
+            break;
+        default:
+            count = 0;
+            break;
     }
 
     if (count == 0) {
@@ -395,7 +409,8 @@ int32_t net_stream_write(NetStream* s, const void* bytes, int32_t count) {
     if (count <= 0) {
         return 0;
     }
-    if (s->buffer == nullptr || s->block_size <= 0 || !(s->type == 2 || s->type == 3 || is_file_type(s->type))) {
+    if (s->buffer == nullptr || s->block_size <= 0 ||
+        !(s->type == 2 || s->type == 3 || is_file_type(s->type))) {
         // Nothing to write into: an invalid type, or no write_begin.
         raise_catalogued(29, s->type);
     }
@@ -523,22 +538,29 @@ void net_stream_close(NetStream* s) {
         return;
     }
     switch (s->type) {
-    case 2: case 4: case 6: case 7: case 8: case 9: case 10: case 11:
-        if (s->mobile && s->mstat != nullptr) {
-            properties_put_boolean_dup(s->mstat->properties, "close", 1);
-            save_progress(s, kProgress14);
-            mstat_free(s->mstat);
-            s->mstat = nullptr;
-        }
-        break;
-    case NET_STREAM_IOM:
-        iom_close(s->source);
-        s->source = nullptr;
-        break;
-    default:
-        // Type 3 opens but is deliberately not among the types that close:
-        // its record stays with the caller (net_stream_release frees it).
-        raise_catalogued(30, s->type);
+        case 2:
+        case 4:
+        case 6:
+        case 7:
+        case 8:
+        case 9:
+        case 10:
+        case 11:
+            if (s->mobile && s->mstat != nullptr) {
+                properties_put_boolean_dup(s->mstat->properties, "close", 1);
+                save_progress(s, kProgress14);
+                mstat_free(s->mstat);
+                s->mstat = nullptr;
+            }
+            break;
+        case NET_STREAM_IOM:
+            iom_close(s->source);
+            s->source = nullptr;
+            break;
+        default:
+            // Type 3 opens but is deliberately not among the types that close:
+            // its record stays with the caller (net_stream_release frees it).
+            raise_catalogued(30, s->type);
     }
     net_stream_release(s);
 }

@@ -151,11 +151,15 @@ bool AllocEncode(WorkBuffer& b, uint64_t n) {
     return true;
 }
 
-bool AllocDecode(WorkBuffer& b, uint64_t n) { return AllocEncode(b, n); }
+bool AllocDecode(WorkBuffer& b, uint64_t n) {
+    return AllocEncode(b, n);
+}
 
 // The decode table is built at compile time; init is kept as the step that
 // readies the codec before each decode and reports success.
-PalError init() { return PalErrorCreate(PAL_OK, 0, 0); }
+PalError init() {
+    return PalErrorCreate(PAL_OK, 0, 0);
+}
 
 // A group of up to four values being collected, and its count.
 struct Group {

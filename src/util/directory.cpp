@@ -21,8 +21,7 @@ namespace {
 
 constexpr size_t kNameLength = 1024;
 
-bool is_dot_or_dotdot(const char* name)
-{
+bool is_dot_or_dotdot(const char* name) {
     return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
 }
 
@@ -30,8 +29,7 @@ bool is_dot_or_dotdot(const char* name)
 
 extern "C" {
 
-Directory* dir_new(const char* path)
-{
+Directory* dir_new(const char* path) {
     char* clone = pathname_clone(path);
     Directory* d;
     try {
@@ -44,8 +42,7 @@ Directory* dir_new(const char* path)
     return d;
 }
 
-void dir_delete(Directory* d)
-{
+void dir_delete(Directory* d) {
     if (d == nullptr) {
         return;
     }
@@ -53,13 +50,11 @@ void dir_delete(Directory* d)
     mg_free(d);
 }
 
-char* dir_get_pathname(const Directory* d)
-{
+char* dir_get_pathname(const Directory* d) {
     return d->pathname;
 }
 
-DirEntryEnum* dir_entry_enum_new(const Directory* d, const char* pat)
-{
+DirEntryEnum* dir_entry_enum_new(const Directory* d, const char* pat) {
     DIR* stream = opendir(d->pathname);
     if (stream == nullptr) {
         return nullptr;
@@ -82,13 +77,11 @@ DirEntryEnum* dir_entry_enum_new(const Directory* d, const char* pat)
     return e;
 }
 
-DirEntryEnum* dir_entries(const Directory* d, const char* pat)
-{
+DirEntryEnum* dir_entries(const Directory* d, const char* pat) {
     return dir_entry_enum_new(d, pat);
 }
 
-int32_t dir_entry_enum_has_more_elements(DirEntryEnum* e)
-{
+int32_t dir_entry_enum_has_more_elements(DirEntryEnum* e) {
     if (e == nullptr || e->stream == nullptr) {
         return 0;
     }
@@ -108,13 +101,11 @@ int32_t dir_entry_enum_has_more_elements(DirEntryEnum* e)
     }
 }
 
-char* dir_entry_enum_next_element(DirEntryEnum* e)
-{
+char* dir_entry_enum_next_element(DirEntryEnum* e) {
     return e->name;
 }
 
-void dir_entry_enum_delete(DirEntryEnum* e)
-{
+void dir_entry_enum_delete(DirEntryEnum* e) {
     if (e == nullptr) {
         return;
     }
@@ -126,8 +117,7 @@ void dir_entry_enum_delete(DirEntryEnum* e)
     mg_free(e);
 }
 
-void dir_create_directory(const char* path)
-{
+void dir_create_directory(const char* path) {
     if (path == nullptr) {
         fanout::raise_catalogued(9);
     }
@@ -136,8 +126,7 @@ void dir_create_directory(const char* path)
     }
 }
 
-int32_t dir_is_directory(const char* path)
-{
+int32_t dir_is_directory(const char* path) {
     if (path == nullptr) {
         return 0;
     }

@@ -27,8 +27,7 @@
 namespace {
 
 /* A new object for path with a closed descriptor. */
-File* file_object_new(const char* path)
-{
+File* file_object_new(const char* path) {
     File* f = static_cast<File*>(mg_calloc(1, sizeof(File)));
     f->fd = -1;
     try {
@@ -40,16 +39,14 @@ File* file_object_new(const char* path)
     return f;
 }
 
-void file_object_free(File* f)
-{
+void file_object_free(File* f) {
     mg_free(f->path);
     mg_free(f);
 }
 
 /* Opens the object's path; the object is freed when the open fails, and
  * the caller raises with the errno returned through *error. */
-bool open_object(File* f, int flags, mode_t mode, int* error)
-{
+bool open_object(File* f, int flags, mode_t mode, int* error) {
     f->fd = open(f->path, flags, mode);
     if (f->fd == -1) {
         *error = errno;
@@ -63,8 +60,7 @@ bool open_object(File* f, int flags, mode_t mode, int* error)
 
 extern "C" {
 
-File* file_open(const char* path, int32_t oflag)
-{
+File* file_open(const char* path, int32_t oflag) {
     File* f = file_object_new(path);
     int error = 0;
     if (!open_object(f, oflag, 0, &error)) {
@@ -73,8 +69,7 @@ File* file_open(const char* path, int32_t oflag)
     return f;
 }
 
-File* file_create(const char* path, int32_t oflag, uint32_t mode)
-{
+File* file_create(const char* path, int32_t oflag, uint32_t mode) {
     File* f = file_object_new(path);
     int error = 0;
     if (!open_object(f, oflag | O_CREAT, static_cast<mode_t>(mode), &error)) {
@@ -83,13 +78,11 @@ File* file_create(const char* path, int32_t oflag, uint32_t mode)
     return f;
 }
 
-int32_t file_is_open(const File* f)
-{
+int32_t file_is_open(const File* f) {
     return f != nullptr && f->fd != -1 ? 1 : 0;
 }
 
-void file_close(File* f)
-{
+void file_close(File* f) {
     if (f == nullptr) {
         fanout::raise_catalogued(13);
     }
@@ -101,8 +94,7 @@ void file_close(File* f)
     f->fd = -1;
 }
 
-void file_remove(File* f)
-{
+void file_remove(File* f) {
     if (f == nullptr) {
         fanout::raise_catalogued(15);
     }
@@ -111,8 +103,7 @@ void file_remove(File* f)
     }
 }
 
-void file_delete(File* f)
-{
+void file_delete(File* f) {
     if (f == nullptr) {
         fanout::raise_catalogued(17);
     }
@@ -122,8 +113,7 @@ void file_delete(File* f)
     file_object_free(f);
 }
 
-int32_t file_read(File* f, void* buffer, int32_t len)
-{
+int32_t file_read(File* f, void* buffer, int32_t len) {
     if (f == nullptr) {
         fanout::raise_catalogued(18);
     }
@@ -137,8 +127,7 @@ int32_t file_read(File* f, void* buffer, int32_t len)
     return static_cast<int32_t>(n);
 }
 
-int32_t file_write(File* f, const void* buffer, int32_t len)
-{
+int32_t file_write(File* f, const void* buffer, int32_t len) {
     if (f == nullptr) {
         fanout::raise_catalogued(20);
     }
@@ -151,8 +140,7 @@ int32_t file_write(File* f, const void* buffer, int32_t len)
     return len;
 }
 
-uint32_t file_seek(File* f, uint32_t offset)
-{
+uint32_t file_seek(File* f, uint32_t offset) {
     if (f == nullptr) {
         fanout::raise_catalogued(22);
     }
@@ -164,8 +152,7 @@ uint32_t file_seek(File* f, uint32_t offset)
     return static_cast<uint32_t>(pos);
 }
 
-uint32_t file_get_size(const char* path)
-{
+uint32_t file_get_size(const char* path) {
     struct stat st;
     if (stat(path, &st) != 0) {
         fanout::raise_catalogued(24, path);
@@ -173,16 +160,14 @@ uint32_t file_get_size(const char* path)
     return static_cast<uint32_t>(st.st_size);
 }
 
-int32_t file_access(const char* path, int32_t mode)
-{
+int32_t file_access(const char* path, int32_t mode) {
     if (access(path, mode) != 0) {
         fanout::raise_catalogued(25, path, mode);
     }
     return 0;
 }
 
-int64_t file_get_mtime(const char* path)
-{
+int64_t file_get_mtime(const char* path) {
     struct stat st;
     if (path == nullptr || stat(path, &st) != 0) {
         return -1;
@@ -190,8 +175,7 @@ int64_t file_get_mtime(const char* path)
     return static_cast<int64_t>(st.st_mtime);
 }
 
-int32_t stat_ex(const char* path, FileStatus* buffer)
-{
+int32_t stat_ex(const char* path, FileStatus* buffer) {
     struct stat st;
     const int result = stat(path, &st);
     if (result == 0) {

@@ -24,8 +24,7 @@ constexpr size_t kLengthTextSize = 32;
 /* A decimal text converted as strtol does (leading blanks, a sign, digits up
  * to the first non-digit), kept to 32 bits the way a 32-bit field receives
  * it: negative values wrap. Null counts as 0. */
-uint32_t decimal_field(const char* text)
-{
+uint32_t decimal_field(const char* text) {
     if (text == nullptr) {
         return 0;
     }
@@ -36,16 +35,14 @@ uint32_t decimal_field(const char* text)
 
 extern "C" {
 
-void seq_init(void* s)
-{
+void seq_init(void* s) {
     auto* seq = static_cast<GenericSeq*>(s);
     seq->maximum = 0;
     seq->length = 0;
     seq->buffer = nullptr;
 }
 
-void seq_free(void* s)
-{
+void seq_free(void* s) {
     if (s == nullptr) {
         return;
     }
@@ -56,8 +53,7 @@ void seq_free(void* s)
     mg_free(seq);
 }
 
-void* seq_replace(void* s, const void* item, uint32_t index, uint32_t size)
-{
+void* seq_replace(void* s, const void* item, uint32_t index, uint32_t size) {
     auto* seq = static_cast<GenericSeq*>(s);
     if (index >= seq->length) {
         fanout::raise_catalogued(39, index, seq->length);
@@ -69,36 +65,31 @@ void* seq_replace(void* s, const void* item, uint32_t index, uint32_t size)
     return old;
 }
 
-Int64Length* int64_length_new(void)
-{
+Int64Length* int64_length_new(void) {
     return static_cast<Int64Length*>(mg_calloc(1, sizeof(Int64Length)));
 }
 
-Int64Length* int64_length_new2(const char* thousands_text, const char* units_text)
-{
+Int64Length* int64_length_new2(const char* thousands_text, const char* units_text) {
     Int64Length* c = int64_length_new();
     c->thousands = decimal_field(thousands_text);
     c->units = static_cast<int32_t>(decimal_field(units_text));
     return c;
 }
 
-Int64Length* int64_length_clone(const Int64Length* c)
-{
+Int64Length* int64_length_clone(const Int64Length* c) {
     Int64Length* copy = int64_length_new();
     *copy = *c;
     return copy;
 }
 
-int32_t int64_length_equal(const Int64Length* a, const Int64Length* b)
-{
+int32_t int64_length_equal(const Int64Length* a, const Int64Length* b) {
     if (a == nullptr || b == nullptr) {
         return a == b ? 1 : 0;
     }
     return a->thousands == b->thousands && a->units == b->units ? 1 : 0;
 }
 
-void int64_length_add(Int64Length* c, int64_t n)
-{
+void int64_length_add(Int64Length* c, int64_t n) {
     // Negative amounts are accepted and take no borrow: units may go below
     // zero, and the thousands wrap as an unsigned 32-bit field does.
     c->thousands += static_cast<uint32_t>(n / 1000);
@@ -109,8 +100,7 @@ void int64_length_add(Int64Length* c, int64_t n)
     }
 }
 
-char* int64_length_to_string(const Int64Length* c)
-{
+char* int64_length_to_string(const Int64Length* c) {
     char* text = static_cast<char*>(mg_calloc(1, kLengthTextSize));
     // Both fields print unsigned, as 32-bit words: a negative units field
     // shows as its unsigned value, which the text has always done.
@@ -119,13 +109,11 @@ char* int64_length_to_string(const Int64Length* c)
     return text;
 }
 
-void int64_length_delete(Int64Length* c)
-{
+void int64_length_delete(Int64Length* c) {
     mg_free(c);
 }
 
-size_t time_to_string(char* buffer, size_t size, int64_t t)
-{
+size_t time_to_string(char* buffer, size_t size, int64_t t) {
     const time_t when = static_cast<time_t>(t);
     struct tm local;
     if (localtime_r(&when, &local) == nullptr) {

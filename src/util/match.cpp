@@ -55,11 +55,10 @@ constexpr int32_t kMalformed = -2;
  * and needs no pass. Without memory for the table each backslash is asked
  * directly. */
 class Backslashes {
-public:
+  public:
     explicit Backslashes(const char* base) : base_(base) {}
 
-    bool trailing(const char* p)
-    {
+    bool trailing(const char* p) {
         if (!classified_) {
             classify();
         }
@@ -70,14 +69,12 @@ public:
         return multibyte_ && ilx_mbsbtype(base_, static_cast<int32_t>(off)) == 2;
     }
 
-private:
-    int32_t type_at(size_t boundary, size_t off) const
-    {
+  private:
+    int32_t type_at(size_t boundary, size_t off) const {
         return ilx_mbsbtype(base_ + boundary, static_cast<int32_t>(off - boundary));
     }
 
-    void classify()
-    {
+    void classify() {
         classified_ = true;
         multibyte_ = MB_CUR_MAX > 1;
         if (!multibyte_) {
@@ -126,8 +123,7 @@ private:
 /* One bracket expression at p (just after the '['), tested against c.
  * Stores in *next the pattern position after the ']' (at the pattern's end
  * when there is no ']'). Returns 1 set matched, 0 not, kMalformed. */
-int32_t bracket(const char* p, char c, const char** next)
-{
+int32_t bracket(const char* p, char c, const char** next) {
     bool negate = false;
     if (*p == '^') {
         negate = true;
@@ -174,8 +170,7 @@ int32_t bracket(const char* p, char c, const char** next)
  * file comment). A failure after a star resumes it one string position
  * further, a malformed bracket included; a string that runs out ends the
  * search. */
-int32_t walk(const char* p, const char* s)
-{
+int32_t walk(const char* p, const char* s) {
     Backslashes backslashes(p);
     const char* star = nullptr;    // the latest star passed
     const char* resume = nullptr;  // where its rest was last tried
@@ -185,48 +180,48 @@ int32_t walk(const char* p, const char* s)
         }
         int32_t step = kMatch;  // kMatch: the element took *s
         switch (*p) {
-        case '\0':
-            step = kNoMatch;  // the pattern ran out first
-            break;
-        case '?':
-            ++p;
-            break;
-        case '*':
-            if (p[1] == '\0') {
-                return kMatch;
-            }
-            star = p;
-            resume = s;
-            ++p;
-            continue;  // the rest is tried at this same string position
-        case '\\':
-            // A backslash that is the trailing byte of a double-byte
-            // character is just that byte; otherwise it quotes the next one.
-            if (!backslashes.trailing(p)) {
+            case '\0':
+                step = kNoMatch;  // the pattern ran out first
+                break;
+            case '?':
                 ++p;
-            }
-            step = *p == *s ? kMatch : kNoMatch;
-            ++p;
-            break;
-        case '[': {
-            const char* next = nullptr;
-            const int32_t r = p[1] == '\0' ? kMalformed : bracket(p + 1, *s, &next);
-            if (r != 1) {
-                step = r == 0 ? kNoMatch : kMalformed;
+                break;
+            case '*':
+                if (p[1] == '\0') {
+                    return kMatch;
+                }
+                star = p;
+                resume = s;
+                ++p;
+                continue;  // the rest is tried at this same string position
+            case '\\':
+                // A backslash that is the trailing byte of a double-byte
+                // character is just that byte; otherwise it quotes the next one.
+                if (!backslashes.trailing(p)) {
+                    ++p;
+                }
+                step = *p == *s ? kMatch : kNoMatch;
+                ++p;
+                break;
+            case '[': {
+                const char* next = nullptr;
+                const int32_t r = p[1] == '\0' ? kMalformed : bracket(p + 1, *s, &next);
+                if (r != 1) {
+                    step = r == 0 ? kNoMatch : kMalformed;
+                    break;
+                }
+                p = next;
+                // The character after the ']' is stepped over unless it is the
+                // last; a set that ends the pattern ends the comparison.
+                if (*p != '\0' && p[1] != '\0') {
+                    ++p;
+                }
                 break;
             }
-            p = next;
-            // The character after the ']' is stepped over unless it is the
-            // last; a set that ends the pattern ends the comparison.
-            if (*p != '\0' && p[1] != '\0') {
+            default:
+                step = *p == *s ? kMatch : kNoMatch;
                 ++p;
-            }
-            break;
-        }
-        default:
-            step = *p == *s ? kMatch : kNoMatch;
-            ++p;
-            break;
+                break;
         }
         if (step == kMatch) {
             ++s;
@@ -247,8 +242,7 @@ int32_t walk(const char* p, const char* s)
 }  // namespace
 }  // namespace fanout
 
-extern "C" int32_t match(const char* pat, const char* string)
-{
+extern "C" int32_t match(const char* pat, const char* string) {
     if (pat == nullptr || string == nullptr) {
         return -1;
     }

@@ -21,8 +21,7 @@ namespace {
 constexpr uint32_t kPathnameLength = 1024;
 
 /* Appends '/' unless p already ends with one (the empty string gets one). */
-void add_separator(char* p)
-{
+void add_separator(char* p) {
     size_t n = std::strlen(p);
     if (n == 0 || p[n - 1] != '/') {
         p[n] = '/';
@@ -34,23 +33,19 @@ void add_separator(char* p)
 
 extern "C" {
 
-uint32_t pathname_max_length(void)
-{
+uint32_t pathname_max_length(void) {
     return kPathnameLength;
 }
 
-uint32_t pathname_max_component_length(void)
-{
+uint32_t pathname_max_component_length(void) {
     return kPathnameLength;
 }
 
-char* pathname_new(void)
-{
+char* pathname_new(void) {
     return static_cast<char*>(mg_calloc(1, kPathnameLength));
 }
 
-char* pathname_clone(const char* src)
-{
+char* pathname_clone(const char* src) {
     if (src == nullptr) {
         fanout::raise_catalogued(32);
     }
@@ -59,13 +54,11 @@ char* pathname_clone(const char* src)
     return p;
 }
 
-void pathname_delete(char* p)
-{
+void pathname_delete(char* p) {
     mg_free(p);
 }
 
-char* pathname_append(char* p, const char* s)
-{
+char* pathname_append(char* p, const char* s) {
     // The separator goes in before the null check, so a failed append
     // leaves p with its trailing '/'.
     add_separator(p);
@@ -76,8 +69,7 @@ char* pathname_append(char* p, const char* s)
     return p;
 }
 
-char* pathname_clone_and_append(const char* p, const char* s)
-{
+char* pathname_clone_and_append(const char* p, const char* s) {
     char* clone = pathname_clone(p);
     try {
         return pathname_append(clone, s);
@@ -87,8 +79,7 @@ char* pathname_clone_and_append(const char* p, const char* s)
     }
 }
 
-char* pathname_get_name(const char* p)
-{
+char* pathname_get_name(const char* p) {
     const char* slash = std::strrchr(p, '/');
     if (slash == nullptr) {
         slash = std::strrchr(p, '\\');
@@ -96,15 +87,13 @@ char* pathname_get_name(const char* p)
     return const_cast<char*>(slash != nullptr ? slash + 1 : p);
 }
 
-void pathname_append_separator(char* p)
-{
+void pathname_append_separator(char* p) {
     if (p != nullptr) {
         add_separator(p);
     }
 }
 
-void pathname_remove_separator(char* p)
-{
+void pathname_remove_separator(char* p) {
     if (p == nullptr) {
         return;
     }
@@ -114,8 +103,7 @@ void pathname_remove_separator(char* p)
     }
 }
 
-char* pathname_build_filename(const char* a, const char* b, const char* c)
-{
+char* pathname_build_filename(const char* a, const char* b, const char* c) {
     if (a == nullptr || b == nullptr || c == nullptr) {
         return nullptr;
     }

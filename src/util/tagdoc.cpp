@@ -38,14 +38,18 @@ Off RegionEnd(const char* doc, const char* limit) {
 // wholly inside the region [0, end]; -1 when there is none.
 Off Find(const char* doc, Off end, const char* tag, Off n, Off from) {
     if (from > end || end - from + 1 < n) return -1;
-    const void* hit = memmem(doc + from, static_cast<size_t>(end - from + 1), tag,
-                             static_cast<size_t>(n));
+    const void* hit =
+        memmem(doc + from, static_cast<size_t>(end - from + 1), tag, static_cast<size_t>(n));
     return hit == nullptr ? -1 : static_cast<const char*>(hit) - doc;
 }
 
-bool EndsName(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '/' || c == '>'; }
+bool EndsName(char c) {
+    return c == ' ' || c == '\t' || c == '\n' || c == '/' || c == '>';
+}
 
-char* At(const char* doc, Off off) { return const_cast<char*>(doc) + off; }
+char* At(const char* doc, Off off) {
+    return const_cast<char*>(doc) + off;
+}
 
 struct Scan {
     Off openStart = -1, openEnd = -1, closeStart = -1, closeEnd = -1;
@@ -67,8 +71,8 @@ Scan ScanTag(const char* tag, const char* doc, const char* limit) {
         if (p < 0 || p + n > s.end) return s;
         if (p >= cursor + 1 && doc[p - 1] == '<' && EndsName(doc[p + n])) {
             const Off gt = Find(doc, s.end, ">", 1, p + n);
-            if (gt >= 0 && std::memchr(doc + p + n, '<', static_cast<size_t>(gt - (p + n))) ==
-                               nullptr) {
+            if (gt >= 0 &&
+                std::memchr(doc + p + n, '<', static_cast<size_t>(gt - (p + n))) == nullptr) {
                 s.openStart = p - 1;
                 s.openEnd = gt;
                 break;
@@ -108,14 +112,13 @@ using namespace fanout;
 
 extern "C" {
 
-FANOUT_EXPORT TagRanges getTagRanges(const PalChar* tag, const PalChar* doc,
-                                     const PalChar* limit) {
+FANOUT_EXPORT TagRanges getTagRanges(const PalChar* tag, const PalChar* doc, const PalChar* limit) {
     if (doc == nullptr || tag == nullptr) return kNoRanges;
     const Scan s = ScanTag(tag, doc, limit);
     if (s.openStart < 0) return kNoRanges;
     if (s.selfClosing) {
-        return {At(doc, s.openStart), At(doc, s.openEnd), nullptr, nullptr, At(doc, s.openStart),
-                At(doc, s.openEnd)};
+        return {At(doc, s.openStart), At(doc, s.openEnd), nullptr, nullptr,
+                At(doc, s.openStart), At(doc, s.openEnd)};
     }
     TagRanges r = kNoRanges;
     r.openStart = At(doc, s.openStart);

@@ -46,8 +46,10 @@ TEST(ExBuilder, MessageRules) {
     EXPECT_STREQ(ex_default_text(r.get()), "100%% done %%");
     r = make(sizeof(ExException), "C", 1, "%1$x %2$o %3$X %4$u", 255, 8, 10, 7);
     EXPECT_EQ(arguments(r.get()), (Args{"255", "8", "10", "7"}));  // all decimal
-    r = make(sizeof(ExException), "C", 1, "%1$s %2$s %3$s %4$s %5$s %6$s %7$s %8$s %9$s %10$s "
-             "%11$d", "a", "b", "c", "d", "e", "f", "g", "h", "i", "j", 11);
+    r = make(sizeof(ExException), "C", 1,
+             "%1$s %2$s %3$s %4$s %5$s %6$s %7$s %8$s %9$s %10$s "
+             "%11$d",
+             "a", "b", "c", "d", "e", "f", "g", "h", "i", "j", 11);
     EXPECT_EQ(ex_argument_count(r.get()), 11u);
     EXPECT_STREQ(ex_argument(r.get(), 10), "11");
 }
@@ -94,9 +96,9 @@ TEST(ExRaise, ThrowChildCopiesDerivedField) {
         FAIL() << "returned";
     } catch (const fanout::Exception& e) {
         EXPECT_STREQ(e.type_id(), FANOUT2_EX_ROOT_ID ":Kel_Fanout2::ExDepotNoSpace");
-        EXPECT_EQ(reinterpret_cast<const Kel_Fanout2_ExDistributionDeferred*>(e.record())
-                      ->retry_seconds,
-                  0);
+        EXPECT_EQ(
+            reinterpret_cast<const Kel_Fanout2_ExDistributionDeferred*>(e.record())->retry_seconds,
+            0);
     }
 }
 

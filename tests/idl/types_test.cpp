@@ -81,8 +81,8 @@ TEST(FanoutInit, RegistersOnceAndMapsRepositoryIds) {
 
 TEST(ZelGenericEqual, SamePointerIsEqualWithoutMarshalling) {
     // A union cannot be marshalled, so only the shortcut can answer 1.
-    static const TypeCodeRec kUnion = {FANOUT_TK_UNION, -1, "IDL:Test/U:1.0", "U", "U", 4, 4,
-                                       0, 0, nullptr, nullptr, nullptr};
+    static const TypeCodeRec kUnion = {
+        FANOUT_TK_UNION, -1, "IDL:Test/U:1.0", "U", "U", 4, 4, 0, 0, nullptr, nullptr, nullptr};
     uint32_t a = 1, b = 1;
     Environment env{};
     EXPECT_EQ(zel_generic_equal(&kUnion, &env, &a, &a), 1);

@@ -33,13 +33,13 @@ TEST(ExceptionRender, PositionalSubstitutionTable) {
         {"Cannot open the file %1$s.\n", {"/a"}, "Cannot open the file /a.\n"},
         {"%2$s then %1$s", {"a", "b"}, "b then a"},
         {"%1$d(%2$d%%)", {"5", "50"}, "5(50%)"},
-        {"%3$s missing", {"a"}, "%3$s missing"},       // outside 1..count: kept
+        {"%3$s missing", {"a"}, "%3$s missing"},  // outside 1..count: kept
         {"%0$s zero", {"a"}, "%0$s zero"},
-        {"plain %d and %", {"a"}, "plain %d and %"},     // not placeholders
+        {"plain %d and %", {"a"}, "plain %d and %"},  // not placeholders
         {"%1$", {"a"}, "%1$"},
         {"%1$s", {nullptr}, "(null)"},
         {"%1$t{%Y}", {"not a time"}, "not a time"},
-        {"%1$t{%Y", {"0"}, "%1$t{%Y"},                   // unterminated braces
+        {"%1$t{%Y", {"0"}, "%1$t{%Y"},  // unterminated braces
         {"%1$M", {"m"}, "m"},
     };
     for (const Case& c : cases) EXPECT_EQ(render(c.format, c.args), c.expected) << c.format;
@@ -89,8 +89,8 @@ TEST(ExceptionRaise, ArgumentsFollowOrderOfAppearance) {
 }
 
 void raise_eleven(void*) {
-    vaThrow("C", 3, "%1$s%2$s%3$s%4$s%5$s%6$s%7$s%8$s%9$s%10$s%11$s", "a", "b", "c", "d", "e",
-            "f", "g", "h", "i", "j", "k");
+    vaThrow("C", 3, "%1$s%2$s%3$s%4$s%5$s%6$s%7$s%8$s%9$s%10$s%11$s", "a", "b", "c", "d", "e", "f",
+            "g", "h", "i", "j", "k");
 }
 
 TEST(ExceptionCall, CHelperHandsBackTheRecord) {
@@ -141,7 +141,7 @@ TEST(ExceptionEnvironment, RaiseStoresAndToExceptionThrows) {
     }
     EXPECT_EQ(env._major, FANOUT_NO_EXCEPTION);
     EXPECT_EQ(env._exception, nullptr);
-    ev_to_exception(&env);  // nothing held: no raise
+    ev_to_exception(&env);                          // nothing held: no raise
     vaRaiseException(nullptr, nullptr, 0, "%1$s");  // ignored without reading arguments
 }
 

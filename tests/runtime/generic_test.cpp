@@ -36,25 +36,35 @@ struct Everything {
 };
 
 constexpr uint32_t kMembers = 16;
-const char* const kNames[kMembers] = {"s", "us", "l", "ul", "ll", "ull", "b", "c",
-                                      "o", "f", "d", "str", "any", "tc", "obj", "list"};
+const char* const kNames[kMembers] = {"s", "us", "l", "ul",  "ll",  "ull", "b",   "c",
+                                      "o", "f",  "d", "str", "any", "tc",  "obj", "list"};
 const TypeCodeRec* const kTypes[kMembers] = {
-    &_tc_rec_short,    &_tc_rec_ushort,   &_tc_rec_long,   &_tc_rec_ulong,
+    &_tc_rec_short,    &_tc_rec_ushort,    &_tc_rec_long,    &_tc_rec_ulong,
     &_tc_rec_longlong, &_tc_rec_ulonglong, &_tc_rec_boolean, &_tc_rec_char,
-    &_tc_rec_octet,    &_tc_rec_float,    &_tc_rec_double, &_tc_rec_string,
-    &_tc_rec_any,      &_tc_rec_TypeCode, &_tc_rec_Object, &_tc_rec_Kel_Types_StringList};
+    &_tc_rec_octet,    &_tc_rec_float,     &_tc_rec_double,  &_tc_rec_string,
+    &_tc_rec_any,      &_tc_rec_TypeCode,  &_tc_rec_Object,  &_tc_rec_Kel_Types_StringList};
 uint32_t g_offsets[kMembers];
 
 TypeCodeRec make_everything_tc() {
     uint32_t size = 0, align = 0;
     EXPECT_TRUE(fanout::tc_struct_layout(kMembers, kTypes, g_offsets, &size, &align));
-    return TypeCodeRec{FANOUT_TK_STRUCT, -1, "IDL:Test/Everything:1.0", "Everything",
-                       "Test::Everything", size, align, 0, kMembers, kNames, kTypes, g_offsets};
+    return TypeCodeRec{FANOUT_TK_STRUCT,
+                       -1,
+                       "IDL:Test/Everything:1.0",
+                       "Everything",
+                       "Test::Everything",
+                       size,
+                       align,
+                       0,
+                       kMembers,
+                       kNames,
+                       kTypes,
+                       g_offsets};
 }
 const TypeCodeRec kEverything = make_everything_tc();
 
-const TypeCodeRec kUnion = {FANOUT_TK_UNION, -1, "IDL:Test/U:1.0", "U", "Test::U", 8, 4,
-                            0, 0, nullptr, nullptr, nullptr};
+const TypeCodeRec kUnion = {FANOUT_TK_UNION, -1,      "IDL:Test/U:1.0", "U", "Test::U", 8, 4, 0, 0,
+                            nullptr,         nullptr, nullptr};
 
 void add_string(Kel_Types_StringList* list, const char* text) {
     char* copy = mg_strdup(text);
@@ -109,11 +119,11 @@ TEST(TypeCodeLayout, StructLayoutMatchesTheCompiler) {
     EXPECT_EQ(kEverything.size, sizeof(Everything));
     EXPECT_EQ(kEverything.align, alignof(Everything));
     const size_t expected[kMembers] = {
-        offsetof(Everything, s),   offsetof(Everything, us),  offsetof(Everything, l),
-        offsetof(Everything, ul),  offsetof(Everything, ll),  offsetof(Everything, ull),
-        offsetof(Everything, b),   offsetof(Everything, c),   offsetof(Everything, o),
-        offsetof(Everything, f),   offsetof(Everything, d),   offsetof(Everything, str),
-        offsetof(Everything, any), offsetof(Everything, tc),  offsetof(Everything, obj),
+        offsetof(Everything, s),   offsetof(Everything, us), offsetof(Everything, l),
+        offsetof(Everything, ul),  offsetof(Everything, ll), offsetof(Everything, ull),
+        offsetof(Everything, b),   offsetof(Everything, c),  offsetof(Everything, o),
+        offsetof(Everything, f),   offsetof(Everything, d),  offsetof(Everything, str),
+        offsetof(Everything, any), offsetof(Everything, tc), offsetof(Everything, obj),
         offsetof(Everything, list)};
     for (uint32_t i = 0; i < kMembers; ++i) EXPECT_EQ(g_offsets[i], expected[i]) << kNames[i];
 }
@@ -154,28 +164,42 @@ TEST(GenericEqual, ComparesByContent) {
     };
     const Case cases[] = {
         {"null string differs from a text",
-         [](Everything* e) { mg_free(e->str); e->str = nullptr; }, false},
+         [](Everything* e) {
+             mg_free(e->str);
+             e->str = nullptr;
+         },
+         false},
         {"string equals a copy of itself",
-         [](Everything* e) { mg_free(e->str); e->str = mg_strdup("s"); }, true},
+         [](Everything* e) {
+             mg_free(e->str);
+             e->str = mg_strdup("s");
+         },
+         true},
         {"strings differ", [](Everything* e) { e->str[0] = 'x'; }, false},
-        {"sequence capacity is ignored",
-         [](Everything* e) { e->list.maximum = 40; }, true},
+        {"sequence capacity is ignored", [](Everything* e) { e->list.maximum = 40; }, true},
         {"same object contents, other record",
          [](Everything* e) {
              Object_release(e->obj);
              e->obj = make_object("IDL:Test/Thing:1.0", 7);
-         }, true},
+         },
+         true},
         {"object profile differs",
          [](Everything* e) {
              Object_release(e->obj);
              e->obj = make_object("IDL:Test/Thing:1.0", 8);
-         }, false},
-        {"nil object", [](Everything* e) { Object_release(e->obj); e->obj = nullptr; }, false},
+         },
+         false},
+        {"nil object",
+         [](Everything* e) {
+             Object_release(e->obj);
+             e->obj = nullptr;
+         },
+         false},
         {"negative zero differs from zero", [](Everything* e) { e->d = -0.0; }, false},
         {"boolean", [](Everything* e) { e->b = 0; }, false},
         {"sequence shorter", [](Everything* e) { e->list.length = 1; }, false},
-        {"any of another type",
-         [](Everything* e) { e->any._type = TC_Kel_Types_OctetList; }, false},
+        {"any of another type", [](Everything* e) { e->any._type = TC_Kel_Types_OctetList; },
+         false},
         {"type code value", [](Everything* e) { e->tc = TC_Kel_Types_StringList; }, false},
     };
     for (const Case& c : cases) {
@@ -238,9 +262,8 @@ TEST(GenericCreate, BuildsFromMemberAddressesAndRaisesForNonStructs) {
 
     Everything full = make_everything();
     e = static_cast<Everything*>(generic_create(
-        &kEverything, &full.s, &full.us, &full.l, &full.ul, &full.ll, &full.ull, &full.b,
-        &full.c, &full.o, &full.f, &full.d, &full.str, &full.any, &full.tc, &full.obj,
-        &full.list, nullptr));
+        &kEverything, &full.s, &full.us, &full.l, &full.ul, &full.ll, &full.ull, &full.b, &full.c,
+        &full.o, &full.f, &full.d, &full.str, &full.any, &full.tc, &full.obj, &full.list, nullptr));
     EXPECT_EQ(_generic_equal(&kEverything, nullptr, &full, e), 1);
     EXPECT_NE(e->str, full.str);
     EXPECT_NE(e->list.buffer, full.list.buffer);

@@ -26,7 +26,7 @@ void capture(int32_t level, const char* line, void* context) {
 }
 
 class LogTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         fanout_log_set_handler(capture, &captured_);
         fanout_log_set_level(2);
@@ -97,7 +97,7 @@ TEST(LogEnvironmentDeathTest, LevelAndFileComeFromTheEnvironment) {
 }
 
 class ConfigTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         char dir_template[] = "/tmp/fanout_cfg_XXXXXX";
         ASSERT_NE(mkdtemp(dir_template), nullptr);
@@ -153,8 +153,8 @@ TEST(Config, EnvironmentLookups) {
 
 TEST(Config, CorrectPathTable) {
     const std::pair<const char*, const char*> cases[] = {
-        {"/a//b/./c/", "/a/b/c"}, {"a/./b", "a/b"}, {"/", "/"},     {"//", "/"},
-        {"./", "."},              {"", "."},        {"a/../b", "a/../b"}};
+        {"/a//b/./c/", "/a/b/c"}, {"a/./b", "a/b"}, {"/", "/"}, {"//", "/"}, {"./", "."}, {"", "."},
+        {"a/../b", "a/../b"}};
     for (const auto& [in, out] : cases) {
         char* p = CorrectPath(in, 0);
         EXPECT_STREQ(p, out) << in;
@@ -174,13 +174,18 @@ TEST(Compat, MultibyteByteTypes) {
     const char text[] = "a\xc3\xa9/\xe2\x82\xac";  // a, e-acute, '/', euro sign
     const int32_t expected[] = {0, 1, 2, 0, 1, 2, 2, 0, -1};
     for (int32_t i = 0; i < 9; ++i) EXPECT_EQ(ilx_mbsbtype(text, i), expected[i]) << i;
-    EXPECT_EQ(ilx_mbsbtype("\xff" "a", 1), -1);  // after an invalid byte
+    EXPECT_EQ(ilx_mbsbtype("\xff"
+                           "a",
+                           1),
+              -1);  // after an invalid byte
     EXPECT_EQ(ilx_mbsbtype(nullptr, 0), -1);
     setlocale(LC_CTYPE, saved.c_str());
 }
 
 int g_once_runs = 0;
-void count_run() { ++g_once_runs; }
+void count_run() {
+    ++g_once_runs;
+}
 
 TEST(Threads, OnceRunsExactlyOnce) {
     static PalOnce once = PAL_ONCE_INIT;

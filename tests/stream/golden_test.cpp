@@ -123,8 +123,9 @@ TEST_F(GoldenDepot, EntryFileOfACompletedEntry) {
     const std::string props = g.Encoded();
     DepotHandle* h = Open();
     ASSERT_NE(h, nullptr);
-    DepotEntry* e = DepotAddEntry(h, "dist-0001", "2.1", reinterpret_cast<const PalUint8*>(props.data()),
-                                  static_cast<PalUint32>(props.size()));
+    DepotEntry* e =
+        DepotAddEntry(h, "dist-0001", "2.1", reinterpret_cast<const PalUint8*>(props.data()),
+                      static_cast<PalUint32>(props.size()));
     ASSERT_NE(e, nullptr);
     const std::string entry_file = e->entryFilePath;
     EXPECT_EQ(fs::path(entry_file).filename(), "00000180.0.xml");  // the key's bucket, everywhere

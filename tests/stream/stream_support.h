@@ -28,21 +28,21 @@ namespace fs = std::filesystem;
 
 // Sets an environment variable (null unsets it) until destruction.
 class EnvOverride {
-public:
+  public:
     EnvOverride(const char* name, const char* value) : name_(name) {
         if (const char* old = std::getenv(name)) old_ = old;
         value != nullptr ? setenv(name, value, 1) : unsetenv(name);
     }
     ~EnvOverride() { old_ ? setenv(name_.c_str(), old_->c_str(), 1) : unsetenv(name_.c_str()); }
 
-private:
+  private:
     std::string name_;
     std::optional<std::string> old_;
 };
 
 // A scratch directory under /tmp, removed with everything in it.
 class ScratchDir {
-public:
+  public:
     ScratchDir() {
         char tmpl[] = "/tmp/fanout_stream_XXXXXX";
         path_ = mkdtemp(tmpl);
@@ -55,7 +55,7 @@ public:
     const std::string& path() const { return path_; }
     std::string operator/(const std::string& name) const { return path_ + "/" + name; }
 
-private:
+  private:
     std::string path_;
 };
 

@@ -47,15 +47,15 @@ std::string Slurp(const std::string& path) {
 std::string Msg(int number, std::vector<std::string> args = {}) {
     std::vector<const char*> argv;
     for (auto& a : args) argv.push_back(a.c_str());
-    char* text = ex_render_text(Fanout2Catalog[number], argv.data(),
-                                static_cast<uint32_t>(argv.size()));
+    char* text =
+        ex_render_text(Fanout2Catalog[number], argv.data(), static_cast<uint32_t>(argv.size()));
     std::string s = text;
     mg_free(text);
     return s;
 }
 
 class FanoutDepotTool : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         char tmpl[] = "/tmp/fanout-tool-XXXXXX";
         root_ = mkdtemp(tmpl);
@@ -346,8 +346,8 @@ TEST_F(FanoutDepotTool, AddListDescribeDelete) {
 
     r = Run({depot_, "list", "seg^1.0", "-l"});
     ASSERT_EQ(r.status, 0);
-    const std::string expectedStart = Msg(142, {"1"}) + Msg(143, {"seg"}) + Msg(144, {"1.0"}) +
-                                      Msg(145, {"1500", "100"});
+    const std::string expectedStart =
+        Msg(142, {"1"}) + Msg(143, {"seg"}) + Msg(144, {"1.0"}) + Msg(145, {"1500", "100"});
     EXPECT_EQ(r.out.rfind(expectedStart, 0), 0u) << r.out;
     for (int n = 147; n <= 151; ++n) EXPECT_NE(r.out.find(Msg(n)), std::string::npos) << n;
     EXPECT_NE(r.out.find(Msg(154, {"1"}) + Msg(155, {"permanent"}) + "Deadline: \t\tnever\n"),
@@ -355,8 +355,8 @@ TEST_F(FanoutDepotTool, AddListDescribeDelete) {
 
     r = Run({depot_, "--size", "100", "describe"});
     ASSERT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, Msg(159, {depot_}) + Msg(160, {"100"}) + Msg(161, {"0"}) +
-                         Msg(162, {"2"}) + Msg(163, {"2"}) + Msg(164, {"98"}));
+    EXPECT_EQ(r.out, Msg(159, {depot_}) + Msg(160, {"100"}) + Msg(161, {"0"}) + Msg(162, {"2"}) +
+                         Msg(163, {"2"}) + Msg(164, {"98"}));
 
     // A second add of a complete segment reuses it.
     r = Run({depot_, "add", "seg^1.0", file});
@@ -699,9 +699,9 @@ TEST_F(FanoutDepotTool, CheckFindsAndRepairsEveryKindOfDamage) {
         ASSERT_EQ(Run({depot_, "add", key, Sample(key, 100)}).status, 0);
     }
     auto at = [&](const std::string& name) { return depot_ + "/" + name; };
-    std::ofstream(at("00000000.77.xml")) << "garbage";                    // does not parse
-    ASSERT_EQ(mkfifo(at("00000000.78.xml").c_str(), 0600), 0);            // not regular
-    std::ofstream(at("00000000.79.dat")) << "orphan";                     // data, no entry
+    std::ofstream(at("00000000.77.xml")) << "garbage";                        // does not parse
+    ASSERT_EQ(mkfifo(at("00000000.78.xml").c_str(), 0600), 0);                // not regular
+    std::ofstream(at("00000000.79.dat")) << "orphan";                         // data, no entry
     ASSERT_EQ(truncate(at(FirstName("short", "1") + ".dat").c_str(), 5), 0);  // size
     const std::string far = at(FirstName("far", "1") + ".xml");
     std::string text = Slurp(far);
@@ -725,12 +725,12 @@ TEST_F(FanoutDepotTool, CheckFindsAndRepairsEveryKindOfDamage) {
     EXPECT_EQ(r.err, "");
     for (const std::string& line : std::vector<std::string>{
              "00000000.77.xml does not parse", "00000000.78.xml is not a regular file",
-          "00000000.79.dat is a data file without an entry file",
-          FirstName("short", "1") + ".xml has 5 bytes of data where its description says 100",
-          FirstName("far", "1") + ".xml names the location " + root_ + "/far^1",
-          FirstName("wip", "1") + ".xml is an entry in progress whose writer is gone",
-          dup.substr(0, 9) + "00.xml uses the same sequence number as " + dup + ".xml",
-          FirstName("good", "1") + ".xml has no data file"}) {
+             "00000000.79.dat is a data file without an entry file",
+             FirstName("short", "1") + ".xml has 5 bytes of data where its description says 100",
+             FirstName("far", "1") + ".xml names the location " + root_ + "/far^1",
+             FirstName("wip", "1") + ".xml is an entry in progress whose writer is gone",
+             dup.substr(0, 9) + "00.xml uses the same sequence number as " + dup + ".xml",
+             FirstName("good", "1") + ".xml has no data file"}) {
         EXPECT_NE(r.out.find(line), std::string::npos) << line << "\n" << r.out;
     }
     EXPECT_NE(r.out.find("8 problems found"), std::string::npos) << r.out;
@@ -744,9 +744,14 @@ TEST_F(FanoutDepotTool, CheckFindsAndRepairsEveryKindOfDamage) {
     }
     std::sort(kept.begin(), kept.end());
     const std::string s = FirstName("short", "1"), f = FirstName("far", "1");
-    std::vector<std::string> expected = {"00000000.77.xml", "00000000.78.xml",
-                                         dup.substr(0, 9) + "00.dat", dup.substr(0, 9) + "00.xml",
-                                         s + ".dat", s + ".xml", f + ".dat", f + ".xml"};
+    std::vector<std::string> expected = {"00000000.77.xml",
+                                         "00000000.78.xml",
+                                         dup.substr(0, 9) + "00.dat",
+                                         dup.substr(0, 9) + "00.xml",
+                                         s + ".dat",
+                                         s + ".xml",
+                                         f + ".dat",
+                                         f + ".xml"};
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(kept, expected);
     r = Run({depot_, "check"});

@@ -21,27 +21,28 @@
 namespace {
 
 class FileTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override { ASSERT_NE(mkdtemp(dir_), nullptr); }
     void TearDown() override { std::filesystem::remove_all(dir_); }
     std::string path(const char* name) const { return std::string(dir_) + "/" + name; }
     char dir_[32] = "/tmp/fanout-file-XXXXXX";
 };
 
-TEST(File, NullHandlesRaiseTheirOwnMessages)
-{
+TEST(File, NullHandlesRaiseTheirOwnMessages) {
     const std::pair<std::function<void()>, int32_t> calls[] = {
-        {[] { file_close(nullptr); }, 13}, {[] { file_remove(nullptr); }, 15},
-        {[] { file_delete(nullptr); }, 17}, {[] { file_read(nullptr, nullptr, 4); }, 18},
-        {[] { file_write(nullptr, nullptr, 4); }, 20}, {[] { file_seek(nullptr, 0); }, 22},
+        {[] { file_close(nullptr); }, 13},
+        {[] { file_remove(nullptr); }, 15},
+        {[] { file_delete(nullptr); }, 17},
+        {[] { file_read(nullptr, nullptr, 4); }, 18},
+        {[] { file_write(nullptr, nullptr, 4); }, 20},
+        {[] { file_seek(nullptr, 0); }, 22},
     };
     for (const auto& [call, number] : calls) {
         EXPECT_RAISES(call(), number, {});
     }
 }
 
-TEST_F(FileTest, OpenCreateAndStatusFailures)
-{
+TEST_F(FileTest, OpenCreateAndStatusFailures) {
     const std::string missing = path("missing"), nodir = path("nodir/f");
     EXPECT_RAISES(file_open(missing.c_str(), O_RDONLY), 11, {missing});
     EXPECT_RAISES(file_create(nodir.c_str(), O_WRONLY, 0600), 12, {nodir, std::to_string(ENOENT)});
@@ -50,8 +51,7 @@ TEST_F(FileTest, OpenCreateAndStatusFailures)
     EXPECT_EQ(file_get_mtime(missing.c_str()), -1);
 }
 
-TEST_F(FileTest, DescriptorCallsAndTheirFailures)
-{
+TEST_F(FileTest, DescriptorCallsAndTheirFailures) {
     const std::string name = path("data");
     File* f = file_create(name.c_str(), O_RDWR | O_TRUNC, 0600);
     EXPECT_EQ(file_write(f, "0123456789", 10), 10);
@@ -84,8 +84,7 @@ TEST_F(FileTest, DescriptorCallsAndTheirFailures)
 
 /* The file-size limit lets 6 of 10 bytes through (SIGXFSZ ignored meanwhile)
  * and refuses the next write: both are failures, never retried. */
-TEST_F(FileTest, ShortWriteRaisesWithPathAndLength)
-{
+TEST_F(FileTest, ShortWriteRaisesWithPathAndLength) {
     const std::string name = path("data");
     struct rlimit saved;
     ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &saved), 0);
@@ -101,8 +100,7 @@ TEST_F(FileTest, ShortWriteRaisesWithPathAndLength)
     EXPECT_EQ(file_get_size(name.c_str()), 6u);
 }
 
-TEST(SeqHelpers, ReplaceReturnsTheOldElement)
-{
+TEST(SeqHelpers, ReplaceReturnsTheOldElement) {
     int32_t buf[2] = {10, 20};
     auto* s = static_cast<GenericSeq*>(mg_malloc(sizeof(GenericSeq)));
     *s = GenericSeq{0, 2, buf};  // maximum 0: the buffer is borrowed
@@ -115,11 +113,14 @@ TEST(SeqHelpers, ReplaceReturnsTheOldElement)
     seq_free(s);  // the record only
 }
 
-TEST(LengthCounter, ParseAddCarryAndText)
-{
+TEST(LengthCounter, ParseAddCarryAndText) {
     // The text pins both fields: "%lu%03lu\n" of {thousands, units}.
-    const struct { const char *thousands, *units; int64_t add; const char* text; } steps[] = {
-        {"0", "600", 1500, "2100\n"}, {" 12", "+7kB", 0, "12007\n"}, {"0", "999", 1, "1000\n"},
+    const struct {
+        const char *thousands, *units;
+        int64_t add;
+        const char* text;
+    } steps[] = {
+        {"0", "600", 1500, "2100\n"}, {" 12", "+7kB", 0, "12007\n"},   {"0", "999", 1, "1000\n"},
         {"0", "0", 999, "0999\n"},    {"5", "0", -1, "54294967295\n"},  // no borrow
         {"-1", "x", 1000, "0000\n"},  // thousands wrap as a 32-bit word
     };
@@ -133,8 +134,7 @@ TEST(LengthCounter, ParseAddCarryAndText)
     }
 }
 
-TEST(TimeToString, LocalTimeWithTrailingBlank)
-{
+TEST(TimeToString, LocalTimeWithTrailingBlank) {
     setenv("TZ", "UTC0", 1);  // this program reads no other local times
     tzset();
     char buf[32];

@@ -15,9 +15,10 @@
 
 namespace {
 
-TEST(Pathname, EditingAndNullArguments)
-{
-    const struct { const char *in, *appended, *removed; } edits[] = {
+TEST(Pathname, EditingAndNullArguments) {
+    const struct {
+        const char *in, *appended, *removed;
+    } edits[] = {
         {"", "/", ""},       {"/", "/", "/"},   {"a", "a/", "a"},
         {"a//", "a//", "a"}, {"//", "//", "/"}, {"/a/b/", "/a/b/", "/a/b"},
     };
@@ -50,8 +51,7 @@ TEST(Pathname, EditingAndNullArguments)
     EXPECT_EQ(pathname_build_filename("a", nullptr, "c"), nullptr);
 }
 
-TEST(Directory, EnumerateCreateAndTest)
-{
+TEST(Directory, EnumerateCreateAndTest) {
     using Names = std::multiset<std::string>;
     char root[] = "/tmp/fanout-dir-XXXXXX";
     ASSERT_NE(mkdtemp(root), nullptr);

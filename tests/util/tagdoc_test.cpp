@@ -115,7 +115,8 @@ TEST(TagDoc, AddContentReportsTheRoomItNeedsAndChangesNothing) {
     char buffer[16] = "<id>ab</id>\n";
     char* docEnd = buffer + 11;
     const char* content = "123456";
-    TagRange r = addContentToTag(buffer, docEnd, nullptr, buffer + 13, "id", content, content + 5, 0);
+    TagRange r =
+        addContentToTag(buffer, docEnd, nullptr, buffer + 13, "id", content, content + 5, 0);
     EXPECT_EQ(r.first, nullptr);
     EXPECT_EQ(r.last, docEnd + 6);
     EXPECT_STREQ(buffer, "<id>ab</id>\n");

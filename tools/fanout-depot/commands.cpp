@@ -44,14 +44,20 @@ constexpr size_t kCopyBlock = 1u << 20;
 // compares deadlines, unsigned).
 constexpr int32_t kNoDeadline = -1;
 
-void Print(const std::string& text) { std::fputs(text.c_str(), stdout); }
+void Print(const std::string& text) {
+    std::fputs(text.c_str(), stdout);
+}
 
 const char* StateWord(int32_t state) {
     switch (state) {
-        case 0: return "temporary";
-        case 1: return "permanent";
-        case 2: return "in use";
-        default: return "unknown";
+        case 0:
+            return "temporary";
+        case 1:
+            return "permanent";
+        case 2:
+            return "in use";
+        default:
+            return "unknown";
     }
 }
 
@@ -203,7 +209,7 @@ int Describe(const Options& o) {
     uint64_t free = 0;
     if (o.sizeKiB != 0) {
         free = o.sizeKiB > total ? o.sizeKiB - total : 0;
-    } else if (struct statvfs fs {}; ::statvfs(s.directory().c_str(), &fs) == 0) {
+    } else if (struct statvfs fs{}; ::statvfs(s.directory().c_str(), &fs) == 0) {
         free = static_cast<uint64_t>(fs.f_bavail) * fs.f_frsize / 1024;
     }
     Print(Message(msg::kDepotLocation, {s.directory()}));
@@ -264,8 +270,7 @@ int Add(const Options& o, const std::vector<std::string>& args) {
         }
         cannotAdd(why);
     };
-    DepotEntry* entry = DepotAddEntry(h, name.id.c_str(), name.version.c_str(),
-                                      description.data(),
+    DepotEntry* entry = DepotAddEntry(h, name.id.c_str(), name.version.c_str(), description.data(),
                                       static_cast<PalUint32>(description.size()));
     if (entry == nullptr) addFailed();
     if (entry->state != 0) {
@@ -656,7 +661,8 @@ bool OwnLocation(const std::string& depot, const std::string& location, const st
     if (slash == std::string::npos || location.compare(slash + 1, std::string::npos, data) != 0) {
         return false;
     }
-    struct stat a {}, b {};
+    struct stat a {
+    }, b{};
     return ::stat(location.substr(0, slash).c_str(), &a) == 0 && ::stat(depot.c_str(), &b) == 0 &&
            a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
@@ -703,7 +709,7 @@ int OpenLostFound(int dir) {
 
 // Holds the depot lock of a session for the life of the object.
 class DepotLockHold {
-public:
+  public:
     explicit DepotLockHold(Session& s) : h_(s.handle()) {
         if (const PalError e = PalWaitSem(&h_->depotLock); e.palError != PAL_OK) {
             throw Failure("cannot lock the depot " + s.directory() + ": " + ErrorText(e));
@@ -713,7 +719,7 @@ public:
     DepotLockHold(const DepotLockHold&) = delete;
     DepotLockHold& operator=(const DepotLockHold&) = delete;
 
-private:
+  private:
     DepotHandle* h_;
 };
 
@@ -738,11 +744,13 @@ std::vector<Finding> Inspect(Session& s, int dir) {
             const bool entry = EndsWith(name, "xml"), data = EndsWith(name, "dat");
             if (!entry && !data) continue;  // the lock files, lost+found, foreign files
             struct stat st {};
-            const bool regular = ::fstatat(dir, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 &&
-                                 S_ISREG(st.st_mode);
+            const bool regular =
+                ::fstatat(dir, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode);
             if (data) {
-                if (regular) dataNames.insert(name);
-                else findings.push_back({name, "is not a regular file", Action::kLostFound, {}});
+                if (regular)
+                    dataNames.insert(name);
+                else
+                    findings.push_back({name, "is not a regular file", Action::kLostFound, {}});
                 continue;
             }
             entryNames.insert(name);

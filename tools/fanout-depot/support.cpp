@@ -73,15 +73,17 @@ bool MakeDirectories(const std::string& path) {
     return ::mkdir(path.c_str(), 0700) == 0 || (errno == EEXIST && IsDirectory(path));
 }
 
-int64_t Seconds(const struct timespec& t) { return static_cast<int64_t>(t.tv_sec); }
+int64_t Seconds(const struct timespec& t) {
+    return static_cast<int64_t>(t.tv_sec);
+}
 
 }  // namespace
 
 std::string Message(int number, const std::vector<std::string>& args) {
     std::vector<const char*> argv;
     for (const auto& a : args) argv.push_back(a.c_str());
-    MgString text(ex_render_text(Fanout2Catalog[number], argv.data(),
-                                 static_cast<uint32_t>(argv.size())));
+    MgString text(
+        ex_render_text(Fanout2Catalog[number], argv.data(), static_cast<uint32_t>(argv.size())));
     return text ? std::string(text.get()) : std::string();
 }
 
@@ -371,8 +373,8 @@ int ReportSkipped(const Options& o, uint32_t skipped) {
     std::fprintf(stderr,
                  "%s: %u entry file%s of the depot could not be used (unreadable, damaged or "
                  "without data) and %s left out; \"%s %s check\" tells more\n",
-                 o.program.c_str(), skipped, skipped == 1 ? "" : "s",
-                 skipped == 1 ? "was" : "were", o.program.c_str(), o.depot.c_str());
+                 o.program.c_str(), skipped, skipped == 1 ? "" : "s", skipped == 1 ? "was" : "were",
+                 o.program.c_str(), o.depot.c_str());
     return kFailed;
 }
 

@@ -112,12 +112,12 @@ std::string LocalSourcePath(const std::string& text);
 
 // Options shared by every command.
 struct Options {
-    std::string program;       // argv[0]'s last component
-    std::string depot;         // the DEPOT argument as given
-    uint32_t sizeKiB = 0;      // --size, else depot_size, else 0 (no accounting)
+    std::string program;   // argv[0]'s last component
+    std::string depot;     // the DEPOT argument as given
+    uint32_t sizeKiB = 0;  // --size, else depot_size, else 0 (no accounting)
     bool sizeGiven = false;
-    bool verbose = false;      // --verbose: the library's log lines on standard error
-    bool progress = false;     // standard error is a terminal: progress and summaries
+    bool verbose = false;   // --verbose: the library's log lines on standard error
+    bool progress = false;  // standard error is a terminal: progress and summaries
 };
 
 // A depot directory, absolute, and what named it when DEPOT was "." (the
@@ -163,8 +163,8 @@ struct EntryInfo {
     int32_t openCount = 0;
     int32_t writeCount = 0;
     int32_t deadline = 0;
-    uint64_t bytes = 0;          // data file size
-    int64_t expectedSize = -1;   // "size" of the segment description, if any
+    uint64_t bytes = 0;            // data file size
+    int64_t expectedSize = -1;     // "size" of the segment description, if any
     int64_t ctime = 0, mtime = 0;  // of the segment description
     int64_t entryCreated = 0, dataAccessed = 0, dataModified = 0;
 };
@@ -188,26 +188,26 @@ struct Scan {
 // An open depot. The process works inside the depot directory, so that the
 // lock files every user of the depot shares are the depot's own.
 class Session {
-public:
-  // Opens with `sizeKiB` of accounting; a missing directory is made when
-  // `create` is set (only add does) and is a failure otherwise. Raises
-  // Failure when the directory is missing or cannot be made, or when the
-  // depot cannot be opened (naming the lock file when that was the cause).
-  Session(const DepotDir& directory, uint32_t sizeKiB, bool create);
-  ~Session();
-  Session(const Session&) = delete;
-  Session& operator=(const Session&) = delete;
+  public:
+    // Opens with `sizeKiB` of accounting; a missing directory is made when
+    // `create` is set (only add does) and is a failure otherwise. Raises
+    // Failure when the directory is missing or cannot be made, or when the
+    // depot cannot be opened (naming the lock file when that was the cause).
+    Session(const DepotDir& directory, uint32_t sizeKiB, bool create);
+    ~Session();
+    Session(const Session&) = delete;
+    Session& operator=(const Session&) = delete;
 
-  DepotHandle* handle() const { return handle_; }
-  const std::string& directory() const { return directory_; }
+    DepotHandle* handle() const { return handle_; }
+    const std::string& directory() const { return directory_; }
 
-  // Every entry that can be used, and the count of those skipped.
-  Scan Entries();
-  // KiB of every regular data file ("*.dat") in the depot directory,
-  // whether an entry names it or not.
-  uint32_t StoredKiB();
+    // Every entry that can be used, and the count of those skipped.
+    Scan Entries();
+    // KiB of every regular data file ("*.dat") in the depot directory,
+    // whether an entry names it or not.
+    uint32_t StoredKiB();
 
-private:
+  private:
     DepotHandle* handle_ = nullptr;
     std::string directory_;
 };

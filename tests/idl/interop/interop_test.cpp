@@ -40,74 +40,95 @@ std::string dump(const Kel_Fanout2::Properties& p);
 std::string dump(const CORBA::Any& a) {
     CORBA::TypeCode_var tc = a.type();
     switch (tc->kind()) {
-    case CORBA::tk_string: {
-        const char* s = nullptr;
-        return (a >>= s) ? "s:" + std::string(s) : "?";
-    }
-    case CORBA::tk_short: { CORBA::Short v = 0; a >>= v; return "h:" + std::to_string(v); }
-    case CORBA::tk_ushort: { CORBA::UShort v = 0; a >>= v; return "H:" + std::to_string(v); }
-    case CORBA::tk_long: { CORBA::Long v = 0; a >>= v; return "l:" + std::to_string(v); }
-    case CORBA::tk_ulong: { CORBA::ULong v = 0; a >>= v; return "L:" + std::to_string(v); }
-    case CORBA::tk_longlong: {
-        CORBA::LongLong v = 0;
-        a >>= v;
-        return "q:" + std::to_string(v);
-    }
-    case CORBA::tk_double: { CORBA::Double v = 0; a >>= v; return "d:" + std::to_string(v); }
-    case CORBA::tk_boolean: {
-        CORBA::Boolean v = 0;
-        a >>= CORBA::Any::to_boolean(v);
-        return "b:" + std::to_string(int{v});
-    }
-    case CORBA::tk_char: {
-        CORBA::Char v = 0;
-        a >>= CORBA::Any::to_char(v);
-        return "c:" + std::to_string(int{v});
-    }
-    case CORBA::tk_octet: {
-        CORBA::Octet v = 0;
-        a >>= CORBA::Any::to_octet(v);
-        return "o:" + std::to_string(int{v});
-    }
-    case CORBA::tk_any: {
-        const CORBA::Any* inner = nullptr;
-        return (a >>= inner) ? "a:(" + dump(*inner) + ")" : "?";
-    }
-    case CORBA::tk_objref: {
-        CORBA::Object_ptr obj = CORBA::Object::_nil();
-        if (!(a >>= CORBA::Any::to_object(obj))) return "?";
-        return CORBA::is_nil(obj) ? std::string("ref:nil") : std::string("ref:?");
-    }
-    case CORBA::tk_alias: {
-        std::string id = tc->id();
-        if (id == "IDL:Kel_Types/OctetList:1.0") {
-            const Kel_Types::OctetList* o = nullptr;
-            if (!(a >>= o)) return "?";
-            std::string s = "ol:";
-            for (CORBA::ULong i = 0; i < o->length(); ++i) s += std::to_string((*o)[i]) + ",";
-            return s;
+        case CORBA::tk_string: {
+            const char* s = nullptr;
+            return (a >>= s) ? "s:" + std::string(s) : "?";
         }
-        if (id == "IDL:Kel_Types/StringList:1.0") {
-            const Kel_Types::StringList* o = nullptr;
-            if (!(a >>= o)) return "?";
-            std::string s = "sl:";
-            for (CORBA::ULong i = 0; i < o->length(); ++i) s += std::string((*o)[i]) + ",";
-            return s;
+        case CORBA::tk_short: {
+            CORBA::Short v = 0;
+            a >>= v;
+            return "h:" + std::to_string(v);
         }
-        if (id == "IDL:Kel_Fanout2/Properties:1.0") {
-            const Kel_Fanout2::Properties* p = nullptr;
-            return (a >>= p) ? "p:" + dump(*p) : "?";
+        case CORBA::tk_ushort: {
+            CORBA::UShort v = 0;
+            a >>= v;
+            return "H:" + std::to_string(v);
         }
-        if (id == "IDL:Kel_Fanout2/PropertiesList:1.0") {
-            const Kel_Fanout2::PropertiesList* l = nullptr;
-            if (!(a >>= l)) return "?";
-            std::string s = "pl:[";
-            for (CORBA::ULong i = 0; i < l->length(); ++i) s += dump((*l)[i]);
-            return s + "]";
+        case CORBA::tk_long: {
+            CORBA::Long v = 0;
+            a >>= v;
+            return "l:" + std::to_string(v);
         }
-        return "alias?" + id;
-    }
-    default: return "kind?" + std::to_string(static_cast<int>(tc->kind()));
+        case CORBA::tk_ulong: {
+            CORBA::ULong v = 0;
+            a >>= v;
+            return "L:" + std::to_string(v);
+        }
+        case CORBA::tk_longlong: {
+            CORBA::LongLong v = 0;
+            a >>= v;
+            return "q:" + std::to_string(v);
+        }
+        case CORBA::tk_double: {
+            CORBA::Double v = 0;
+            a >>= v;
+            return "d:" + std::to_string(v);
+        }
+        case CORBA::tk_boolean: {
+            CORBA::Boolean v = 0;
+            a >>= CORBA::Any::to_boolean(v);
+            return "b:" + std::to_string(int{v});
+        }
+        case CORBA::tk_char: {
+            CORBA::Char v = 0;
+            a >>= CORBA::Any::to_char(v);
+            return "c:" + std::to_string(int{v});
+        }
+        case CORBA::tk_octet: {
+            CORBA::Octet v = 0;
+            a >>= CORBA::Any::to_octet(v);
+            return "o:" + std::to_string(int{v});
+        }
+        case CORBA::tk_any: {
+            const CORBA::Any* inner = nullptr;
+            return (a >>= inner) ? "a:(" + dump(*inner) + ")" : "?";
+        }
+        case CORBA::tk_objref: {
+            CORBA::Object_ptr obj = CORBA::Object::_nil();
+            if (!(a >>= CORBA::Any::to_object(obj))) return "?";
+            return CORBA::is_nil(obj) ? std::string("ref:nil") : std::string("ref:?");
+        }
+        case CORBA::tk_alias: {
+            std::string id = tc->id();
+            if (id == "IDL:Kel_Types/OctetList:1.0") {
+                const Kel_Types::OctetList* o = nullptr;
+                if (!(a >>= o)) return "?";
+                std::string s = "ol:";
+                for (CORBA::ULong i = 0; i < o->length(); ++i) s += std::to_string((*o)[i]) + ",";
+                return s;
+            }
+            if (id == "IDL:Kel_Types/StringList:1.0") {
+                const Kel_Types::StringList* o = nullptr;
+                if (!(a >>= o)) return "?";
+                std::string s = "sl:";
+                for (CORBA::ULong i = 0; i < o->length(); ++i) s += std::string((*o)[i]) + ",";
+                return s;
+            }
+            if (id == "IDL:Kel_Fanout2/Properties:1.0") {
+                const Kel_Fanout2::Properties* p = nullptr;
+                return (a >>= p) ? "p:" + dump(*p) : "?";
+            }
+            if (id == "IDL:Kel_Fanout2/PropertiesList:1.0") {
+                const Kel_Fanout2::PropertiesList* l = nullptr;
+                if (!(a >>= l)) return "?";
+                std::string s = "pl:[";
+                for (CORBA::ULong i = 0; i < l->length(); ++i) s += dump((*l)[i]);
+                return s + "]";
+            }
+            return "alias?" + id;
+        }
+        default:
+            return "kind?" + std::to_string(static_cast<int>(tc->kind()));
     }
 }
 
@@ -205,44 +226,56 @@ std::string dump_ours(const Properties& p);
 std::string dump_ours(const Any& a) {
     const void* v = a._value;
     switch (a._type->kind) {
-    case FANOUT_TK_STRING: return "s:" + std::string(*static_cast<char* const*>(v));
-    case FANOUT_TK_SHORT: return "h:" + std::to_string(*static_cast<const int16_t*>(v));
-    case FANOUT_TK_USHORT: return "H:" + std::to_string(*static_cast<const uint16_t*>(v));
-    case FANOUT_TK_LONG: return "l:" + std::to_string(*static_cast<const int32_t*>(v));
-    case FANOUT_TK_ULONG: return "L:" + std::to_string(*static_cast<const uint32_t*>(v));
-    case FANOUT_TK_LONGLONG: return "q:" + std::to_string(*static_cast<const int64_t*>(v));
-    case FANOUT_TK_DOUBLE: return "d:" + std::to_string(*static_cast<const double*>(v));
-    case FANOUT_TK_BOOLEAN: return "b:" + std::to_string(int{*static_cast<const uint8_t*>(v)});
-    case FANOUT_TK_CHAR: return "c:" + std::to_string(int{*static_cast<const uint8_t*>(v)});
-    case FANOUT_TK_OCTET: return "o:" + std::to_string(int{*static_cast<const uint8_t*>(v)});
-    case FANOUT_TK_ANY: return "a:(" + dump_ours(*static_cast<const Any*>(v)) + ")";
-    case FANOUT_TK_OBJREF:
-        return *static_cast<const Object*>(v) == nullptr ? "ref:nil" : "ref:?";
-    case FANOUT_TK_ALIAS: {
-        std::string id = a._type->repo_id;
-        if (id == "IDL:Kel_Types/OctetList:1.0") {
-            auto* o = static_cast<const Kel_Types_OctetList*>(v);
-            std::string s = "ol:";
-            for (uint32_t i = 0; i < o->length; ++i) s += std::to_string(o->buffer[i]) + ",";
-            return s;
+        case FANOUT_TK_STRING:
+            return "s:" + std::string(*static_cast<char* const*>(v));
+        case FANOUT_TK_SHORT:
+            return "h:" + std::to_string(*static_cast<const int16_t*>(v));
+        case FANOUT_TK_USHORT:
+            return "H:" + std::to_string(*static_cast<const uint16_t*>(v));
+        case FANOUT_TK_LONG:
+            return "l:" + std::to_string(*static_cast<const int32_t*>(v));
+        case FANOUT_TK_ULONG:
+            return "L:" + std::to_string(*static_cast<const uint32_t*>(v));
+        case FANOUT_TK_LONGLONG:
+            return "q:" + std::to_string(*static_cast<const int64_t*>(v));
+        case FANOUT_TK_DOUBLE:
+            return "d:" + std::to_string(*static_cast<const double*>(v));
+        case FANOUT_TK_BOOLEAN:
+            return "b:" + std::to_string(int{*static_cast<const uint8_t*>(v)});
+        case FANOUT_TK_CHAR:
+            return "c:" + std::to_string(int{*static_cast<const uint8_t*>(v)});
+        case FANOUT_TK_OCTET:
+            return "o:" + std::to_string(int{*static_cast<const uint8_t*>(v)});
+        case FANOUT_TK_ANY:
+            return "a:(" + dump_ours(*static_cast<const Any*>(v)) + ")";
+        case FANOUT_TK_OBJREF:
+            return *static_cast<const Object*>(v) == nullptr ? "ref:nil" : "ref:?";
+        case FANOUT_TK_ALIAS: {
+            std::string id = a._type->repo_id;
+            if (id == "IDL:Kel_Types/OctetList:1.0") {
+                auto* o = static_cast<const Kel_Types_OctetList*>(v);
+                std::string s = "ol:";
+                for (uint32_t i = 0; i < o->length; ++i) s += std::to_string(o->buffer[i]) + ",";
+                return s;
+            }
+            if (id == "IDL:Kel_Types/StringList:1.0") {
+                auto* o = static_cast<const Kel_Types_StringList*>(v);
+                std::string s = "sl:";
+                for (uint32_t i = 0; i < o->length; ++i) s += std::string(o->buffer[i]) + ",";
+                return s;
+            }
+            if (id == "IDL:Kel_Fanout2/Properties:1.0")
+                return "p:" + dump_ours(*static_cast<const Properties*>(v));
+            if (id == "IDL:Kel_Fanout2/PropertiesList:1.0") {
+                auto* l = static_cast<const PropertiesList*>(v);
+                std::string s = "pl:[";
+                for (uint32_t i = 0; i < l->length; ++i) s += dump_ours(l->buffer[i]);
+                return s + "]";
+            }
+            return "alias?" + id;
         }
-        if (id == "IDL:Kel_Types/StringList:1.0") {
-            auto* o = static_cast<const Kel_Types_StringList*>(v);
-            std::string s = "sl:";
-            for (uint32_t i = 0; i < o->length; ++i) s += std::string(o->buffer[i]) + ",";
-            return s;
-        }
-        if (id == "IDL:Kel_Fanout2/Properties:1.0")
-            return "p:" + dump_ours(*static_cast<const Properties*>(v));
-        if (id == "IDL:Kel_Fanout2/PropertiesList:1.0") {
-            auto* l = static_cast<const PropertiesList*>(v);
-            std::string s = "pl:[";
-            for (uint32_t i = 0; i < l->length; ++i) s += dump_ours(l->buffer[i]);
-            return s + "]";
-        }
-        return "alias?" + id;
-    }
-    default: return "kind?" + std::to_string(a._type->kind);
+        default:
+            return "kind?" + std::to_string(a._type->kind);
     }
 }
 
@@ -253,12 +286,15 @@ std::string dump_ours(const Properties& p) {
     return s + "}";
 }
 
-template <typename T> Any any_of(TypeCode tc, T v) {
+template <typename T>
+Any any_of(TypeCode tc, T v) {
     void* p = mg_malloc(sizeof(T));
     std::memcpy(p, &v, sizeof(T));
     return Any{tc, p};
 }
-Any any_string(const char* s) { return any_of<char*>(TC_string, mg_strdup(s)); }
+Any any_string(const char* s) {
+    return any_of<char*>(TC_string, mg_strdup(s));
+}
 
 void put(Properties* p, const char* key, Any v) {
     Property e{mg_strdup(key), v};
