@@ -50,14 +50,31 @@ FANOUT_BEGIN_DECLS
 #define FANOUT2_EX_ID(T) FANOUT2_EX_ROOT_ID ":Kel_Fanout2::" #T
 
 /* The family with the members that have only the base fields. */
-#define FANOUT2_BASE_EXCEPTIONS(X)                                                              \
-    X(ExFanoutException)                                                                        \
-    X(ExDepotNoSpace) X(ExLargeSegment) X(ExSegmentLocked) X(ExInvalidSegment)                  \
-        X(ExSegmentNotFound) X(ExClientUnreachable) X(ExSendInterrupted) X(ExClientNotServiced) \
-            X(ExClientFailedToConnect) X(ExClientExitedEarly) X(ExClientFailedToStart)          \
-                X(ExClientForcedToStop) X(ExMsgFormatError) X(ExSendError) X(ExDepotFilesystem) \
-                    X(ExEndpointNotMobile) X(ExDistExists) X(ExRepeaterNotRunning)              \
-                        X(ExFailedToSetChkpt) X(ExDistributionRejected) X(ExInvalidCall)
+/* clang-format off */
+#define FANOUT2_BASE_EXCEPTIONS(X) \
+    X(ExFanoutException) \
+    X(ExDepotNoSpace) \
+    X(ExLargeSegment) \
+    X(ExSegmentLocked) \
+    X(ExInvalidSegment) \
+    X(ExSegmentNotFound) \
+    X(ExClientUnreachable) \
+    X(ExSendInterrupted) \
+    X(ExClientNotServiced) \
+    X(ExClientFailedToConnect) \
+    X(ExClientExitedEarly) \
+    X(ExClientFailedToStart) \
+    X(ExClientForcedToStop) \
+    X(ExMsgFormatError) \
+    X(ExSendError) \
+    X(ExDepotFilesystem) \
+    X(ExEndpointNotMobile) \
+    X(ExDistExists) \
+    X(ExRepeaterNotRunning) \
+    X(ExFailedToSetChkpt) \
+    X(ExDistributionRejected) \
+    X(ExInvalidCall)
+/* clang-format on */
 
 #define FANOUT2_DECLARE_BASE_EXCEPTION(T)                                                          \
     typedef ExException Kel_Fanout2_##T;                                                           \

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "depot_fixture.h"
+#include "fanout/palmemory.h"
 
 using namespace depot_test;
 
@@ -136,6 +137,34 @@ TEST_F(DepotHostile, UnusableEntryFilesAreCountedAndHideNothing) {
     EXPECT_EQ(CountSuffix("depot", ".dat"), 0);
     EXPECT_EQ(ReadFile("outside"), "outside");
     EXPECT_TRUE(Exists("depot/00000005.7.xml"));  // left for the tool's check
+}
+
+// An entry's location must be its own data file: an entry file naming any
+// other file is damaged, is never a record, and what it names survives purges.
+TEST_F(DepotHostile, OnlyItsOwnDataFileIsAnEntrysLocation) {
+    Open();
+    PalChar* b = DepotFindBucket("evil", "1");
+    ASSERT_NE(b, nullptr);
+    const std::string bucket = b;
+    PalMemoryFree(b);
+    const std::string entry = "depot/" + bucket + ".7.xml";
+    const std::string locations[] = {
+        dir_ + "/outside",
+        "depot/" + bucket + ".8.dat",  // another entry's data file in the bucket
+        "depot/" + bucket + ".7.dat.dat",
+        "depot/../" + bucket + ".7.dat",
+    };
+    for (const std::string& location : locations) {
+        SCOPED_TRACE(location);
+        WriteFile(location, "precious");
+        WriteFile(entry, EntryText("evil", "1", 0, 1, 0, 1000, location, ""));
+        EXPECT_EQ(DepotGetEntry(handle_, "evil", "1"), nullptr);
+        EXPECT_EQ(DepotPurgeExpiredEntries(handle_).palError, PAL_OK);
+        EXPECT_EQ(DepotPurge(handle_, PAL_TRUE).palError, PAL_OK);
+        EXPECT_EQ(ReadFile(location), "precious");
+        ::remove(location.c_str());
+        ::remove(entry.c_str());
+    }
 }
 
 // A writer's entry is untouchable while it lives, from this process's other

@@ -16,7 +16,7 @@ TEST(DepotConvert, BytesRoundUpToWholeKiB) {
     struct Case {
         PalUint64 bytes;
         PalUint32 kib;
-    } const cases[] = {{0, 0}, {1, 1}, {1024, 1}, {1025, 2}, {(1ull << 42) + 1, 1}};
+    } const cases[] = {{0, 0}, {1, 1}, {1024, 1}, {1025, 2}, {1536, 2}, {(1ull << 42) + 1, 1}};
     for (const auto& c : cases) EXPECT_EQ(ConvertDataSize(c.bytes), c.kib) << c.bytes;
 }
 
@@ -93,14 +93,21 @@ TEST_F(DepotSpace, PurgeExpiredRemovesOnlyCompleteEntriesPastTheirDeadline) {
     wip->deadline = 1000;
     ASSERT_EQ(DepotSaveEntry(handle_, wip).palError, PAL_OK);
     ASSERT_EQ(DepotFreeEntry(handle_, wip).palError, PAL_OK);
+    AddComplete("far", "1", -1);  // seconds are unsigned: the last second of 2106
+    AddComplete("busy", "1", 1000);
+    DepotEntry* busy = DepotGetEntry(handle_, "busy", "1");
+    ASSERT_NE(busy, nullptr);
+    ASSERT_EQ(DepotEntryChangeState(handle_, busy, DEPOT_STATE_IN_USE).palError, PAL_OK);
 
     ASSERT_EQ(DepotPurgeExpiredEntries(handle_).palError, PAL_OK);
-    EXPECT_EQ(CountSuffix("depot", ".xml"), 2);
-    EXPECT_EQ(CountSuffix("depot", ".dat"), 2);
+    EXPECT_EQ(CountSuffix("depot", ".xml"), 4);
+    EXPECT_EQ(CountSuffix("depot", ".dat"), 4);
     EXPECT_EQ(DepotFindEntryIndex(handle_, "fresh", "1"), 0xFFFFFFFFu);  // walked, then freed
     EXPECT_EQ(DepotGetEntry(handle_, "old", "1"), nullptr);
     EXPECT_NE(DepotGetEntry(handle_, "fresh", "1"), nullptr);
     EXPECT_NE(DepotGetEntry(handle_, "wip", "1"), nullptr);
+    EXPECT_NE(DepotGetEntry(handle_, "far", "1"), nullptr);
+    EXPECT_EQ(DepotGetEntry(handle_, "busy", "1"), busy);
 }
 
 TEST_F(DepotSpace, EmptyDepotEnumeratesNothing) {

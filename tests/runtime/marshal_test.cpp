@@ -26,35 +26,83 @@ using Bytes = std::vector<uint8_t>;
 
 /* ------------------------------------------------------------- type codes */
 
-template <typename T> constexpr uint32_t align_of() { return alignof(T); }
+template <typename T>
+constexpr uint32_t align_of() {
+    return alignof(T);
+}
 
 const char* const kPropertyNames[] = {"key", "value"};
 extern const TypeCodeRec kProperty;
 const TypeCodeRec* const kPropertyTypes[] = {&_tc_rec_string, &_tc_rec_any};
 const uint32_t kPropertyOffsets[] = {offsetof(Property, key), offsetof(Property, value)};
-const TypeCodeRec kProperty = {FANOUT_TK_STRUCT, -1, "IDL:Kel_Fanout2/Property:1.0",
-                               "Property", "Property", sizeof(Property), align_of<Property>(),
-                               0, 2, kPropertyNames, kPropertyTypes, kPropertyOffsets};
+const TypeCodeRec kProperty = {FANOUT_TK_STRUCT,
+                               -1,
+                               "IDL:Kel_Fanout2/Property:1.0",
+                               "Property",
+                               "Property",
+                               sizeof(Property),
+                               align_of<Property>(),
+                               0,
+                               2,
+                               kPropertyNames,
+                               kPropertyTypes,
+                               kPropertyOffsets};
 const TypeCodeRec* const kPropertyElem[] = {&kProperty};
-const TypeCodeRec kPropertySeq = {FANOUT_TK_SEQUENCE, -1, "", "", "", sizeof(Properties),
-                                  align_of<Properties>(), 0, 1, nullptr, kPropertyElem, nullptr};
+const TypeCodeRec kPropertySeq = {FANOUT_TK_SEQUENCE,
+                                  -1,
+                                  "",
+                                  "",
+                                  "",
+                                  sizeof(Properties),
+                                  align_of<Properties>(),
+                                  0,
+                                  1,
+                                  nullptr,
+                                  kPropertyElem,
+                                  nullptr};
 const TypeCodeRec* const kPropertiesNamed[] = {&kPropertySeq};
-const TypeCodeRec kProperties = {FANOUT_TK_ALIAS, -1, "IDL:Kel_Fanout2/Properties:1.0",
-                                 "Properties", "Properties", sizeof(Properties),
-                                 align_of<Properties>(), 0, 1, nullptr, kPropertiesNamed,
+const TypeCodeRec kProperties = {FANOUT_TK_ALIAS,
+                                 -1,
+                                 "IDL:Kel_Fanout2/Properties:1.0",
+                                 "Properties",
+                                 "Properties",
+                                 sizeof(Properties),
+                                 align_of<Properties>(),
+                                 0,
+                                 1,
+                                 nullptr,
+                                 kPropertiesNamed,
                                  nullptr};
 const TypeCodeRec* const kPropertiesElem[] = {&kProperties};
-const TypeCodeRec kListSeq = {FANOUT_TK_SEQUENCE, -1, "", "", "", sizeof(PropertiesList),
-                              align_of<PropertiesList>(), 0, 1, nullptr, kPropertiesElem,
+const TypeCodeRec kListSeq = {FANOUT_TK_SEQUENCE,
+                              -1,
+                              "",
+                              "",
+                              "",
+                              sizeof(PropertiesList),
+                              align_of<PropertiesList>(),
+                              0,
+                              1,
+                              nullptr,
+                              kPropertiesElem,
                               nullptr};
 const TypeCodeRec* const kListNamed[] = {&kListSeq};
-const TypeCodeRec kPropertiesList = {FANOUT_TK_ALIAS, -1, "IDL:Kel_Fanout2/PropertiesList:1.0",
-                                     "PropertiesList", "PropertiesList",
-                                     sizeof(PropertiesList), align_of<PropertiesList>(), 0, 1,
-                                     nullptr, kListNamed, nullptr};
+const TypeCodeRec kPropertiesList = {FANOUT_TK_ALIAS,
+                                     -1,
+                                     "IDL:Kel_Fanout2/PropertiesList:1.0",
+                                     "PropertiesList",
+                                     "PropertiesList",
+                                     sizeof(PropertiesList),
+                                     align_of<PropertiesList>(),
+                                     0,
+                                     1,
+                                     nullptr,
+                                     kListNamed,
+                                     nullptr};
 const char* const kColourNames[] = {"red", "green"};
-const TypeCodeRec kColour = {FANOUT_TK_ENUM, -1, "IDL:Test/Colour:1.0", "Colour", "Colour", 4,
-                             4, 0, 2, kColourNames, nullptr, nullptr};
+const TypeCodeRec kColour = {
+    FANOUT_TK_ENUM, -1,     "IDL:Test/Colour:1.0", "Colour", "Colour", 4, 4, 0, 2, kColourNames,
+    nullptr,        nullptr};
 struct Failure {
     int32_t code;
     char* text;
@@ -62,20 +110,37 @@ struct Failure {
 const char* const kFailureNames[] = {"code", "text"};
 const TypeCodeRec* const kFailureTypes[] = {&_tc_rec_long, &_tc_rec_string};
 const uint32_t kFailureOffsets[] = {offsetof(Failure, code), offsetof(Failure, text)};
-const TypeCodeRec kFailure = {FANOUT_TK_EXCEPT, -1, "IDL:Test/Failure:1.0", "Failure",
-                              "Failure", sizeof(Failure), align_of<Failure>(), 0, 2,
-                              kFailureNames, kFailureTypes, kFailureOffsets};
+const TypeCodeRec kFailure = {FANOUT_TK_EXCEPT,
+                              -1,
+                              "IDL:Test/Failure:1.0",
+                              "Failure",
+                              "Failure",
+                              sizeof(Failure),
+                              align_of<Failure>(),
+                              0,
+                              2,
+                              kFailureNames,
+                              kFailureTypes,
+                              kFailureOffsets};
 
 /* ----------------------------------------------------------------- values */
 
-template <typename T> Any any_of(TypeCode tc, T v) {
+template <typename T>
+Any any_of(TypeCode tc, T v) {
     void* p = mg_malloc(sizeof(T));
     std::memcpy(p, &v, sizeof(T));
     return Any{tc, p};
 }
-Any any_string(const char* s) { return any_of<char*>(TC_string, mg_strdup(s)); }
-Any any_any(Any inner) { return any_of<Any>(TC_any, inner); }
-template <typename Seq> Any any_seq(TypeCode tc, Seq s) { return any_of<Seq>(tc, s); }
+Any any_string(const char* s) {
+    return any_of<char*>(TC_string, mg_strdup(s));
+}
+Any any_any(Any inner) {
+    return any_of<Any>(TC_any, inner);
+}
+template <typename Seq>
+Any any_seq(TypeCode tc, Seq s) {
+    return any_of<Seq>(tc, s);
+}
 
 void add(Properties* p, const char* key, Any value) {
     Property e{mg_strdup(key), value};
@@ -163,7 +228,7 @@ int32_t decode_and_free(TypeCode tc, const Bytes& in, Bytes* reencoded = nullptr
 // Writes CDR by hand, in either byte order, for the forms our encoder never
 // produces (little-endian encapsulations, indirections) and malformed input.
 class Cdr {
-public:
+  public:
     Cdr& u8(uint8_t v) {
         bytes.push_back(v);
         return *this;
@@ -199,7 +264,7 @@ public:
     size_t here() const { return bytes.size(); }
     Bytes bytes;
 
-private:
+  private:
     struct Frame {
         size_t slot, origin;
         bool little;
@@ -216,10 +281,10 @@ TEST(Marshal, SmallListHasDocumentedBytes) {
     add(&p, "name", any_string("abc"));
     Encoded e = encode(&kProperties, &p);
     kel_free_generic(&p, &kProperties);
-    const Bytes expected = {0, 0, 0, 1,                                    // one entry
-                            0, 0, 0, 5, 'n', 'a', 'm', 'e', 0, 0, 0, 0,    // key, padding
-                            0, 0, 0, 18, 0, 0, 0, 0,                       // tk_string, bound 0
-                            0, 0, 0, 4, 'a', 'b', 'c', 0};                 // the value
+    const Bytes expected = {0, 0, 0, 1,                                   // one entry
+                            0, 0, 0, 5,  'n', 'a', 'm', 'e', 0, 0, 0, 0,  // key, padding
+                            0, 0, 0, 18, 0,   0,   0,   0,                // tk_string, bound 0
+                            0, 0, 0, 4,  'a', 'b', 'c', 0};               // the value
     EXPECT_EQ(e.error, ADR_OK);
     EXPECT_EQ(e.bytes, expected);
 }
@@ -316,7 +381,9 @@ TEST(Marshal, RandomBytesNeverCrash) {
 }
 
 // One any holding `kind` as its TypeCode, then `value` bytes.
-Bytes any_with(std::initializer_list<uint8_t> tc_and_value) { return Bytes(tc_and_value); }
+Bytes any_with(std::initializer_list<uint8_t> tc_and_value) {
+    return Bytes(tc_and_value);
+}
 
 TEST(Marshal, MalformedInputIsRejectedWithItsCode) {
     Cdr deep;
@@ -356,6 +423,12 @@ TEST(Marshal, MalformedInputIsRejectedWithItsCode) {
     bad_order.bytes[8] = 2;
     Cdr union_tc;
     union_tc.u32(FANOUT_TK_UNION).open(false).str("IDL:U:1.0").close();
+    auto colour = [](uint32_t v) {  // enum Colour { red, green } holding v
+        Cdr c;
+        c.u32(FANOUT_TK_ENUM).open(false).str("IDL:Test/Colour:1.0").str("Colour").u32(2);
+        c.str("red").str("green").close().u32(v);
+        return c.bytes;
+    };
     struct Case {
         const char* what;
         Bytes in;
@@ -370,6 +443,10 @@ TEST(Marshal, MalformedInputIsRejectedWithItsCode) {
          ADR_ERR_BAD_STRING},
         {"string without NUL", any_with({0, 0, 0, 18, 0, 0, 0, 0, 0, 0, 0, 2, 'a', 'b'}),
          ADR_ERR_BAD_STRING},
+        {"string with a NUL inside", any_with({0, 0, 0, 18, 0, 0, 0, 0, 0, 0, 0, 3, 'a', 0, 0}),
+         ADR_ERR_BAD_STRING},
+        {"last enumerator", colour(1), ADR_OK},
+        {"enumerator past the list", colour(2), ADR_ERR_BAD_LENGTH},
         {"bounded string overrun", any_with({0, 0, 0, 18, 0, 0, 0, 1, 0, 0, 0, 3, 'a', 'b', 0}),
          ADR_ERR_BAD_LENGTH},
         {"count beyond input", huge_seq.bytes, ADR_ERR_BAD_LENGTH},
@@ -380,6 +457,94 @@ TEST(Marshal, MalformedInputIsRejectedWithItsCode) {
         {"byte order 2", bad_order.bytes, ADR_ERR_BAD_TYPECODE},
     };
     for (const Case& c : cases) EXPECT_EQ(decode_and_free(TC_any, c.in), c.code) << c.what;
+}
+
+// Hand-written marshalling counts struct nesting itself: ADR_MAX_DEPTH
+// levels are allowed, one more is an error, on either side.
+TEST(Marshal, StructNestingStopsBeyondTheLimit) {
+    const uint8_t none = 0;
+    for (AdrBuffer* b : {adr_init_encode_buffer(), adr_init_decode_buffer(&none, 0)}) {
+        for (int i = 0; i < ADR_MAX_DEPTH; ++i) adr_start_struct(b);
+        EXPECT_EQ(b->error, ADR_OK);
+        adr_start_struct(b);
+        EXPECT_EQ(b->error, ADR_ERR_TOO_DEEP);
+        for (int i = 0; i <= ADR_MAX_DEPTH; ++i) adr_end_struct(b);
+        EXPECT_EQ(b->depth, 0);
+        adr_free_buf(b);
+    }
+}
+
+// A value far larger than anything encoded before it is copied in whole.
+TEST(Marshal, MegabyteOctetListRoundTrips) {
+    Bytes data(1u << 20);
+    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i * 7 + i / 251);
+    const auto n = static_cast<uint32_t>(data.size());
+    Kel_Types_OctetList list{n, n, data.data()};
+    Encoded e = encode(TC_Kel_Types_OctetList, &list);
+    ASSERT_EQ(e.error, ADR_OK);
+    ASSERT_EQ(e.bytes.size(), 4 + data.size());
+    EXPECT_TRUE(std::equal(data.begin(), data.end(), e.bytes.begin() + 4));
+    Bytes again;
+    EXPECT_EQ(decode_and_free(TC_Kel_Types_OctetList, e.bytes, &again), ADR_OK);
+    EXPECT_EQ(again, e.bytes);
+}
+
+// Scalar sequences travel as one block: big-endian as our encoder writes
+// them, or little-endian when the decoder is told its stream is.
+TEST(Marshal, ScalarSequencesInEitherByteOrder) {
+    const TypeCodeRec* const shortElem[] = {&_tc_rec_short};
+    const TypeCodeRec* const longElem[] = {&_tc_rec_long};
+    const TypeCodeRec* const doubleElem[] = {&_tc_rec_double};
+    const TypeCodeRec shorts = {
+        FANOUT_TK_SEQUENCE,     -1, "", "",      "",        sizeof(GenericSeq),
+        align_of<GenericSeq>(), 0,  1,  nullptr, shortElem, nullptr};
+    const TypeCodeRec longs = {
+        FANOUT_TK_SEQUENCE,     -1, "", "",      "",       sizeof(GenericSeq),
+        align_of<GenericSeq>(), 0,  1,  nullptr, longElem, nullptr};
+    const TypeCodeRec doubles = {
+        FANOUT_TK_SEQUENCE,     -1, "", "",      "",         sizeof(GenericSeq),
+        align_of<GenericSeq>(), 0,  1,  nullptr, doubleElem, nullptr};
+    const int16_t shortValues[] = {0x0102, -2};
+    const int32_t longValue = 0x01020304;
+    const double doubleValue = 1.0;
+    const struct {
+        const TypeCodeRec* tc;
+        bool little;
+        Bytes in;  // count, padding, elements
+        const void* values;
+        size_t size;
+    } cases[] = {
+        {&shorts, false, {0, 0, 0, 2, 0x01, 0x02, 0xff, 0xfe}, shortValues, sizeof shortValues},
+        {&shorts, true, {2, 0, 0, 0, 0x02, 0x01, 0xfe, 0xff}, shortValues, sizeof shortValues},
+        {&longs, false, {0, 0, 0, 1, 0x01, 0x02, 0x03, 0x04}, &longValue, sizeof longValue},
+        {&longs, true, {1, 0, 0, 0, 0x04, 0x03, 0x02, 0x01}, &longValue, sizeof longValue},
+        {&doubles,
+         false,
+         {0, 0, 0, 1, 0, 0, 0, 0, 0x3f, 0xf0, 0, 0, 0, 0, 0, 0},
+         &doubleValue,
+         sizeof doubleValue},
+        {&doubles,
+         true,
+         {1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xf0, 0x3f},
+         &doubleValue,
+         sizeof doubleValue},
+    };
+    for (size_t i = 0; i < std::size(cases); ++i) {
+        SCOPED_TRACE(i);
+        GenericSeq seq{};
+        AdrBuffer* b =
+            adr_init_decode_buffer(cases[i].in.data(), static_cast<uint32_t>(cases[i].in.size()));
+        b->swap = cases[i].little ? 1 : 0;
+        marshal_item(b, cases[i].tc, &seq);
+        EXPECT_EQ(b->error, ADR_OK);
+        adr_free_buf(b);
+        ASSERT_EQ(seq.length * cases[i].tc->member_types[0]->size, cases[i].size);
+        EXPECT_EQ(std::memcmp(seq.buffer, cases[i].values, cases[i].size), 0);
+        if (!cases[i].little) {
+            EXPECT_EQ(encode(cases[i].tc, &seq).bytes, cases[i].in);
+        }
+        kel_free_generic(&seq, cases[i].tc);
+    }
 }
 
 TEST(Marshal, LittleEndianEncapsulationsAndIndirectionsDecode) {
@@ -433,8 +598,8 @@ TEST(Marshal, IndependentlyWrittenSeedsDecode) {
     const char* root = std::getenv("FANOUT_SOURCE_DIR");
     if (root == nullptr) GTEST_SKIP() << "FANOUT_SOURCE_DIR is not set";
     int seen = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(
-             std::filesystem::path(root) / "fuzz" / "corpus" / "cdr")) {
+    for (const auto& entry : std::filesystem::directory_iterator(std::filesystem::path(root) /
+                                                                 "fuzz" / "corpus" / "cdr")) {
         std::ifstream f(entry.path(), std::ios::binary);
         Bytes in{std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>()};
         std::string name = entry.path().filename().string();

@@ -101,6 +101,29 @@ TEST(FileStreamRead, SkipsCompleteSegmentsAndResumesAtCheckpoints) {
     stream_key_delete(key);
 }
 
+// A mobile endpoint's progress counts the bytes read from local files, whole
+// (a local block has no status octet to leave out).
+TEST(FileStreamRead, MobileProgressCountsEveryByteRead) {
+    WorkDir work;
+    struct Back {
+        fs::path to = fs::current_path();
+        ~Back() { fs::current_path(to); }
+    } back;
+    fs::current_path(work.path());  // the key's path is the distribution id: "a"
+    const std::string bytes = pattern(40000, 5);
+    write_file("a", bytes);
+    StreamKey* key = file_stream_key_new(1, 1, "a");
+    NetStream* s = net_stream_open(key);
+    ASSERT_TRUE(s);
+    s->toc = make_toc({{"a", "a", 40000, 0}});
+    EXPECT_EQ(read_segments(s, 1)[0], bytes);
+    auto progress = load_progress(work / "mstat/a.mds");
+    net_stream_close(s);
+    stream_key_delete(key);
+    ASSERT_TRUE(progress);
+    EXPECT_STREQ(progress->str("c_len"), "40000\n");
+}
+
 TEST(FileStreamRead, WithoutTableOfContentsReadsListedFilesWhole) {
     ScratchDir dir;
     write_file(dir / "one", pattern(20000, 4));
@@ -137,7 +160,7 @@ TEST(FileStreamWrite, WritesCurrentFileIntoWorkDirectoryInBlocks) {
     EXPECT_EQ(net_stream_write_end(s), 0);
     const std::string out = work / "fanout/out.bin";
     EXPECT_EQ(read_file(out), bytes);
-    struct stat st{};
+    struct stat st {};
     stat(out.c_str(), &st);
     EXPECT_EQ(st.st_mode & 0777, 0400u);
     net_stream_close(s);

@@ -29,6 +29,13 @@ TEST(MStat, SaveWritesNamedFileWithMsidAndDoneRenamesIt) {
     EXPECT_STREQ(p->str("msid"), "D1");
     EXPECT_STREQ(p->str("t_len"), "42");
 
+    // A string "msid" already there, wherever it stands, is kept as it is.
+    MStatPtr named(mstat_new("D2", 1));
+    ASSERT_TRUE(named);
+    properties_put_string_dup(named->properties, "msid", "given");
+    ASSERT_EQ(mstat_save(named.get()), 0);
+    EXPECT_STREQ(load_progress(work / "mstat/D2.ads")->str("msid"), "given");
+
     mstat_done(m.get());
     EXPECT_FALSE(fs::exists(running));
     EXPECT_TRUE(fs::exists(work / "mstat/D1.adf"));
@@ -51,7 +58,7 @@ TEST(MStat, WithoutWorkDirUsesTemporaryDirectoryCreatedGroupWritable) {
     mode_t old = umask(0);
     MStatPtr m(mstat_new("D2", 0));
     umask(old);
-    struct stat st{};
+    struct stat st {};
     ASSERT_EQ(stat((tmp / "mstat").c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0775u);
     ASSERT_EQ(mstat_save(m.get()), 0);

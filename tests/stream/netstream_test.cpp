@@ -23,7 +23,7 @@ using Channel = std::unique_ptr<FanoutChannel, ChannelCloser>;
 // a socketpair, or a TCP loopback connection the child makes through
 // FANOUT_IPC.
 class Link {
-public:
+  public:
     explicit Link(bool tcp) : tcp_(tcp) {
         if (tcp_) {
             char* bound = nullptr;
@@ -60,14 +60,14 @@ public:
         return Channel(fanout_channel_attach(peer_fd_, 0, "test peer"));
     }
 
-private:
+  private:
     bool tcp_;
     int listen_fd_ = -1, peer_fd_ = -1, child_fd_ = -1;
     std::string address_;
 };
 
 class NetStreamTest : public ::testing::TestWithParam<bool> {
-protected:
+  protected:
     WorkDir work;
     // A stream of `type` over the process's channel (in a child).
     static NetStream* open(uint8_t type, uint8_t mobile = 0, const std::string& text = "") {
@@ -201,13 +201,18 @@ TEST_P(NetStreamTest, WriteDirectionBlocksRepliesAndSendFile) {
         NetStream* s = open(3);
         // A fresh stream's send_file reads with block size 0: begin and end only.
         bool ok = net_stream_send_file(s, (work / "seg.dat").c_str(), 0) == 0;
-        ok = ok && net_stream_write_begin(s) == 0 && net_stream_write(s, bytes.data(), 40000) == 40000 &&
-             s->fill == 7232 && net_stream_write_end(s) == 0;
+        ok = ok && net_stream_write_begin(s) == 0 &&
+             net_stream_write(s, bytes.data(), 40000) == 40000 && s->fill == 7232 &&
+             net_stream_write_end(s) == 0;
         ok = ok && net_stream_write_begin(s) == 0 && net_stream_write_end(s) == 0;  // empty
-        ok = ok && net_stream_write_begin(s) == NET_STREAM_PAUSED;                   // refused
+        ok = ok && net_stream_write_begin(s) == NET_STREAM_PAUSED;                  // refused
         ok = ok && net_stream_write_begin(s) == 0 &&
              net_stream_write(s, bytes.data(), 20000) == NET_STREAM_CANCELLED;
         ok = ok && net_stream_send_file(s, (work / "seg.dat").c_str(), 1000) == 0;
+        // The largest block a frame carries, and a one-octet tail sent at the end.
+        ok = ok && net_stream_write_begin(s) == 0 &&
+             s->block_size == static_cast<int32_t>(FANOUT_FRAME_MAX_PAYLOAD) &&
+             net_stream_write(s, bytes.data(), 1) == 1 && net_stream_write_end(s) == 0;
         net_stream_release(s);
         return ok;
     });
@@ -227,6 +232,10 @@ TEST_P(NetStreamTest, WriteDirectionBlocksRepliesAndSendFile) {
     std::string got;
     take_blocks(ch.get(), &got);
     EXPECT_EQ(got, bytes.substr(1000)) << "sent from the checkpoint offset";
+    begin(ch.get(), static_cast<int32_t>(FANOUT_FRAME_MAX_PAYLOAD));
+    got.clear();
+    EXPECT_EQ(take_blocks(ch.get(), &got), (Blocks{1, -1}));
+    EXPECT_EQ(got, bytes.substr(0, 1));
     EXPECT_EQ(reap(writer), 0);
 }
 
