@@ -54,6 +54,10 @@ std::string ReadSmallFile(const std::string& path, size_t limit);
 
 // The catalogue text of a raised record, without its trailing newline.
 std::string Trimmed(const std::string& text);
+// The words of the exception being handled, for a result's message: a raised
+// record's catalogue text (Trimmed), another exception's what(). Call only
+// inside a catch block.
+std::string CurrentFailureText();
 
 // A progress bar on standard error, drawn only when it is a terminal.
 class ProgressBar {

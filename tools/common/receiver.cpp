@@ -480,24 +480,15 @@ ReceiveResult ReceiveFrom(FanoutChannel* ch, const ReceiveOptions& opts) {
         attached = true;
         try {
             receive.Run();
-        } catch (const Failure& f) {
+        } catch (...) {
             r.status = kFailed;
-            r.message = f.what();
-        } catch (const fanout::Exception& e) {
-            r.status = kFailed;
-            r.message = Trimmed(e.what());
+            r.message = CurrentFailureText();
         }
         if (r.status == kFailed) SendRefusal(ecp_get_ipc_handle(), r.message);
         receive.Finish();
-    } catch (const Failure& f) {
+    } catch (...) {
         r.status = kFailed;
-        r.message = f.what();
-    } catch (const fanout::Exception& e) {
-        r.status = kFailed;
-        r.message = Trimmed(e.what());
-    } catch (const std::exception& e) {
-        r.status = kFailed;
-        r.message = e.what();
+        r.message = CurrentFailureText();
     }
     if (attached) {
         fanout_ipc_set(nullptr);

@@ -385,15 +385,9 @@ SendResult SendTo(const SendOptions& opts, const Distribution& dist, Feed* feed)
             if (h.type != FANOUT_MSG_END)
                 throw Failure("the receiver ended with message type " + std::to_string(h.type));
         }
-    } catch (const Failure& f) {
+    } catch (...) {
         r.status = kFailed;
-        r.message = f.what();
-    } catch (const fanout::Exception& e) {
-        r.status = kFailed;
-        r.message = Trimmed(e.what());
-    } catch (const std::exception& e) {
-        r.status = kFailed;
-        r.message = e.what();
+        r.message = CurrentFailureText();
     }
     fanout_channel_close(net);
     return r;

@@ -13,8 +13,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <exception>
 
 #include "dist.h"
+#include "fanout/exception.h"
 
 namespace fanout::dist {
 namespace {
@@ -110,6 +112,18 @@ std::string Trimmed(const std::string& text) {
     std::string t = text;
     while (!t.empty() && (t.back() == '\n' || t.back() == ' ')) t.pop_back();
     return t;
+}
+
+std::string CurrentFailureText() {
+    try {
+        throw;
+    } catch (const fanout::Exception& e) {
+        return Trimmed(e.what());
+    } catch (const std::exception& e) {
+        return e.what();
+    } catch (...) {
+        return "an unknown failure";
+    }
 }
 
 ProgressBar::ProgressBar(const std::string& label, uint64_t total)
