@@ -350,14 +350,14 @@ void search_local(NetStream* s, TocSearch* search, Kel_Types_StringList* files) 
 // The endpoint's depot directory: "depot_dir" of the configuration file,
 // else <ZEL_DATDIR>/depot when that is a directory; empty when neither.
 std::string depot_directory() {
-    MgString spec(mrt_get_config_filespec());
-    if (!spec) {
+    MgString config_file(mrt_get_config_filespec());
+    if (!config_file) {
         LogQ(1, "fanout: Unable to locate ZEL config file.");
         return {};
     }
     char* value = nullptr;
-    if (mrt_get_config_from_file(spec.get(), "depot_dir", &value) != 0) {
-        LogQ(1, "fanout: Error reading config file %s.", spec.get());
+    if (mrt_get_config_from_file(config_file.get(), "depot_dir", &value) != 0) {
+        LogQ(1, "fanout: Error reading config file %s.", config_file.get());
         value = nullptr;
     }
     MgString configured(value);
