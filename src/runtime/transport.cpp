@@ -447,6 +447,14 @@ void reserve(Assembly& a, uint32_t want) {
     a.capacity = static_cast<uint32_t>(grown);
 }
 
+// Whether assembling goes on after a receive that returned `r`: not when
+// nothing was there or the peer has gone, which raises 101 when waiting.
+bool received(FanoutChannel* ch, ssize_t r, const Deadline* deadline) {
+    if (r > 0) return true;
+    if (r == 0 && deadline != nullptr) fail(kLost, ch->name.get());
+    return false;
+}
+
 // Advances the frame in `ch->partial`. With a deadline it waits (raising 101
 // when the peer goes, 108 when the time is up) and returns true once the
 // frame is whole; without one it takes only what is there and returns false
@@ -492,11 +500,7 @@ bool assemble(FanoutChannel* ch, const Deadline* deadline, int32_t refusal) {
         } else {
             r = fill(ch, deadline);
         }
-        if (r < 0) return false;
-        if (r == 0) {
-            if (deadline != nullptr) fail(kLost, ch->name.get());
-            return false;
-        }
+        if (!received(ch, r, deadline)) return false;
     }
     if (early_count > 0) {
         // The header is read and accepted: the early octets are its payload's
@@ -532,11 +536,7 @@ bool assemble(FanoutChannel* ch, const Deadline* deadline, int32_t refusal) {
         } else {
             r = fill(ch, deadline);
         }
-        if (r < 0) return false;
-        if (r == 0) {
-            if (deadline != nullptr) fail(kLost, ch->name.get());
-            return false;
-        }
+        if (!received(ch, r, deadline)) return false;
     }
     return true;
 }
