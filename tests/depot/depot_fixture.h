@@ -1,23 +1,23 @@
-// depot_fixture.h - what the Depot tests share: a private working directory per
-// test (the lock files are created in the current directory), removal of the
-// semaphore sets keyed on those lock files, capture of the trace log, and
-// helpers to read files and fill the entry-file template by hand.
+// depot_fixture.h - what the Depot tests share: a private working directory per test (the lock
+// files go in the current directory), removal of their semaphore sets, trace-log capture, and
+// helpers for files, entry texts and child processes.
 #ifndef FANOUT_TESTS_DEPOT_DEPOT_FIXTURE_H
 #define FANOUT_TESTS_DEPOT_DEPOT_FIXTURE_H
 
 #include <dirent.h>
 #include <ftw.h>
+#include <signal.h>
 #include <sys/ipc.h>
 #include <sys/sem.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <climits>
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <iterator>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -29,26 +29,20 @@
 
 namespace depot_test {
 
-// Every trace line that passed the level filter, in order.
+// Every trace line that passed the level filter, in order (the Depot logs from the caller's
+// thread only).
 struct LogCapture {
-    std::mutex mutex;
     std::vector<std::pair<int, std::string>> lines;
 
     static void Handler(int32_t level, const char* line, void* context) {
-        auto* self = static_cast<LogCapture*>(context);
-        std::lock_guard<std::mutex> lock(self->mutex);
-        self->lines.emplace_back(level, line);
+        static_cast<LogCapture*>(context)->lines.emplace_back(level, line);
     }
-    bool Has(int level, const std::string& line) {
-        std::lock_guard<std::mutex> lock(mutex);
+    bool Has(int level, const std::string& line) const {
         for (const auto& l : lines)
             if (l.first == level && l.second == line) return true;
         return false;
     }
-    void Clear() {
-        std::lock_guard<std::mutex> lock(mutex);
-        lines.clear();
-    }
+    void Clear() { lines.clear(); }
 };
 
 inline std::string ReadFile(const std::string& path) {
@@ -57,8 +51,7 @@ inline std::string ReadFile(const std::string& path) {
 }
 
 inline void WriteFile(const std::string& path, const std::string& bytes) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
 }
 
 inline bool Exists(const std::string& path) {
@@ -79,7 +72,6 @@ inline std::string EntryText(const std::string& id, const std::string& version, 
     return s;
 }
 
-// Names in the directory, in the order the file system lists them.
 inline std::vector<std::string> ListDir(const std::string& dir) {
     std::vector<std::string> names;
     if (DIR* d = ::opendir(dir.c_str())) {
@@ -95,16 +87,15 @@ inline std::vector<std::string> ListDir(const std::string& dir) {
 inline int CountSuffix(const std::string& dir, const std::string& suffix) {
     int n = 0;
     for (const auto& name : ListDir(dir))
-        if (name.size() > suffix.size() &&
-            name.compare(name.size() - suffix.size(), suffix.size(), suffix) == 0)
-            ++n;
+        n += name.size() > suffix.size() && name.ends_with(suffix);
     return n;
 }
 
-// The System V semaphore keyed on a lock file of the current directory, or -1.
-inline int SemId(const char* lockFile) {
-    if (!Exists(lockFile)) return -1;
-    key_t key = ::ftok(lockFile, 1);
+// The System V semaphore keyed on a lock file (a regular file), or -1.
+inline int SemId(const std::string& lockFile) {
+    struct stat st;
+    if (::stat(lockFile.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return -1;
+    key_t key = ::ftok(lockFile.c_str(), 1);
     return key == -1 ? -1 : ::semget(key, 1, 0);
 }
 
@@ -113,11 +104,48 @@ inline int SemValue(const char* lockFile) {
     return id < 0 ? -1 : ::semctl(id, 0, GETVAL);
 }
 
-// Takes back the units DepotNew adds to both semaphores, so that they exclude
-// other processes strictly from then on (the system returns them at exit).
-inline void TakeBackExtraUnits(DepotHandle* h) {
-    ASSERT_EQ(PalWaitSem(&h->depotLock).palError, PAL_OK);
-    ASSERT_EQ(PalWaitSem(&h->entryLock).palError, PAL_OK);
+inline void RemoveSemaphores(const std::string& dir) {
+    for (const char* f : {"/depot.lk", "/entry.lk", "/enum.lk"}) {
+        int id = SemId(dir + f);
+        if (id >= 0) ::semctl(id, 0, IPC_RMID);
+    }
+}
+
+// Forks a child that runs `work`, reports it and then waits to be killed; returns its pid once
+// `work` succeeded there, or -1.
+inline pid_t ForkHolding(const std::function<bool()>& work) {
+    int ready[2];
+    if (::pipe(ready) != 0) return -1;
+    pid_t child = ::fork();
+    if (child == 0) {
+        char c = work() ? 'y' : 'n';
+        if (::write(ready[1], &c, 1) != 1) ::_exit(1);
+        for (;;) ::pause();
+    }
+    char c = 0;
+    bool ok = child > 0 && ::read(ready[0], &c, 1) == 1 && c == 'y';
+    ::close(ready[0]);
+    ::close(ready[1]);
+    if (!ok && child > 0) {
+        ::kill(child, SIGKILL);
+        ::waitpid(child, nullptr, 0);
+    }
+    return ok ? child : -1;
+}
+
+inline void KillChild(pid_t child) {
+    ASSERT_EQ(::kill(child, SIGKILL), 0);
+    ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+}
+
+// Writes `data` to the entry's data file from its start.
+inline void WriteData(DepotHandle* h, DepotEntry* e, const std::string& data) {
+    PalFileHandle f{};
+    ASSERT_EQ(DepotFileOpenForWrite(h, e, &f, PAL_TRUE).palError, PAL_OK);
+    PalUint32 n = 0;
+    EXPECT_EQ(PalFileWrite(f, data.data(), static_cast<PalUint32>(data.size()), &n).palError,
+              PAL_OK);
+    PalFileClose(f);
 }
 
 // A test in its own temporary working directory, with the trace log captured.
@@ -127,7 +155,7 @@ class DepotTest : public ::testing::Test {
         char cwd[PATH_MAX];
         ASSERT_NE(::getcwd(cwd, sizeof cwd), nullptr);
         oldCwd_ = cwd;
-        char tmpl[] = "/tmp/depot_test_XXXXXX";
+        char tmpl[] = "/tmp/fanout_depot_XXXXXX";
         ASSERT_NE(::mkdtemp(tmpl), nullptr);
         dir_ = tmpl;
         ASSERT_EQ(::chdir(dir_.c_str()), 0);
@@ -139,10 +167,8 @@ class DepotTest : public ::testing::Test {
         if (handle_ != nullptr) DepotFree(handle_);
         fanout_log_set_handler(nullptr, nullptr);
         fanout_log_set_level(1);
-        for (const char* f : {"depot.lk", "entry.lk", "enum.lk"}) {
-            int id = SemId(f);
-            if (id >= 0) ::semctl(id, 0, IPC_RMID);
-        }
+        RemoveSemaphores(dir_);
+        for (const auto& sub : ListDir(dir_)) RemoveSemaphores(dir_ + "/" + sub);
         ASSERT_EQ(::chdir(oldCwd_.c_str()), 0);
         ::nftw(
             dir_.c_str(),
@@ -152,27 +178,16 @@ class DepotTest : public ::testing::Test {
 
     // Opens the depot "depot" of the working directory with `limit` KiB.
     DepotHandle* Open(PalUint32 limit = 0) {
-        DepotHandle* h = nullptr;
-        PalError err = DepotNew(&h, nullptr, limit);
-        EXPECT_EQ(err.palError, PAL_OK);
-        handle_ = h;
-        return h;
+        EXPECT_EQ(DepotNew(&handle_, nullptr, limit).palError, PAL_OK);
+        return handle_;
     }
 
-    // Adds the key and completes it with `deadline`; the record is released.
+    // Adds the key, writes `data` and completes it with `deadline`; the record is released.
     void AddComplete(const char* id, const char* version, PalInt32 deadline,
                      const std::string& data = "") {
         DepotEntry* e = DepotAddEntry(handle_, id, version, nullptr, 0);
         ASSERT_NE(e, nullptr);
-        if (!data.empty()) {
-            PalFileHandle f{};
-            ASSERT_EQ(DepotFileOpenForWrite(handle_, e, &f, PAL_TRUE).palError, PAL_OK);
-            PalUint32 n = 0;
-            ASSERT_EQ(
-                PalFileWrite(f, data.data(), static_cast<PalUint32>(data.size()), &n).palError,
-                PAL_OK);
-            PalFileClose(f);
-        }
+        if (!data.empty()) WriteData(handle_, e, data);
         ASSERT_EQ(DepotCompleteEntry(handle_, e, deadline).palError, PAL_OK);
     }
 

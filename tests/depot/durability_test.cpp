@@ -1,8 +1,6 @@
-// durability_test.cpp - what a completion forces out to the device, and in
-// which order: the data file and the depot directory while the entry file
-// still says in progress, then the entry file once it says complete. This
-// program watches every fsync it makes (its own fsync passes each call on to
-// the system after noting the file and what the entry file said then).
+// durability_test.cpp - what a completion forces out, in order: the data file and the depot
+// directory while the entry file says in progress, then the entry file saying complete. This
+// program's own fsync notes each file and the entry file's state, then passes the call on.
 
 #include <sys/syscall.h>
 #include <unistd.h>

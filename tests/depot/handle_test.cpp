@@ -1,5 +1,5 @@
-// handle_test.cpp - opening and freeing Depot handles: the directory, the lock
-// files of the working directory, and the deliberate extra semaphore units.
+// handle_test.cpp - opening and freeing Depot handles: the directory, the lock files of the
+// working directory, and the deliberate extra semaphore units.
 
 #include <string>
 
@@ -40,9 +40,8 @@ TEST_F(DepotHandleTest, HandlesShareTheSemaphoresAndRaiseTheirCounts) {
     DepotFree(a);
 }
 
-// Where the lock mode comes from: the environment wins over the configuration
-// file, which wins over the program's choice; the default is the established
-// raising of the counts.
+// The lock mode: the environment wins over the configuration file, which wins over the program's
+// choice; the default is the established raising of the counts.
 struct ModeSource {
     const char* environment;  // FANOUT_DEPOT_STRICT_LOCKS, or null
     const char* config;       // the depot_strict_locks line, or null
@@ -79,8 +78,7 @@ TEST_P(DepotLockMode, StrictModeKeepsEveryCountAtOne) {
     EXPECT_EQ(SemValue("enum.lk"), free);
     DepotEntryEnumDelete(walk);
     if (!m.strict) return;
-    // The "modified" answer gives the entry lock back: the process can take
-    // it again, and so can every other one.
+    // The "modified" answer gives the entry lock back, to this process and every other one.
     DepotEntry* e = DepotAddEntry(h, "abc", "1", nullptr, 0);
     ASSERT_NE(e, nullptr);
     EXPECT_EQ(DepotEntryModified(h, "abc", "1", e->lastWriteTime + 1), PAL_TRUE);

@@ -1,13 +1,8 @@
-// hostile_test.cpp - the Depot against a hostile directory and a failing
-// machine: files of every kind where its own files should be, locations that
-// point outside, keys holding tag text, writers that die or hold on, a full
-// disk. Nothing outside the depot may change, no existing file may be
-// replaced, and no open may block.
+// hostile_test.cpp - the Depot against a hostile directory and a failing machine: intruders at
+// its own file names, locations pointing outside, keys holding tag text, writers that die or hold
+// on, a full disk. Nothing outside the depot may change and no open may block.
 
-#include <signal.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <string>
 
@@ -18,37 +13,17 @@ using namespace depot_test;
 
 namespace {
 
-// "abc" and "1" hash to bucket 16, so the first entry of the key would be
-// depot/00000016.0.xml with its data in depot/00000016.0.dat.
+// "abc" and "1" hash to bucket 16: the key's first entry would be depot/00000016.0.xml.
 constexpr const char* kFirstEntry = "depot/00000016.0.xml";
 constexpr const char* kFirstData = "depot/00000016.0.dat";
 
+enum class Kind { File, Link, Fifo, Directory };
 struct Intruder {
     const char* name;
-    void (*plant)();  // puts something at one of the first entry's names
+    const char* path;  // one of the first entry's names
+    Kind kind;
+    const char* target;  // of a link
 };
-
-void OrphanData() {
-    WriteFile(kFirstData, "precious");
-}
-void DataLinkOutside() {
-    ASSERT_EQ(::symlink("../outside", kFirstData), 0);
-}
-void EntryLinkOutside() {
-    ASSERT_EQ(::symlink("../outside", kFirstEntry), 0);
-}
-void EntryLinkDangling() {
-    ASSERT_EQ(::symlink("../nowhere", kFirstEntry), 0);
-}
-void DataFifo() {
-    ASSERT_EQ(::mkfifo(kFirstData, 0600), 0);
-}
-void EntryFifo() {
-    ASSERT_EQ(::mkfifo(kFirstEntry, 0600), 0);
-}
-void EntryDirectory() {
-    ASSERT_EQ(::mkdir(kFirstEntry, 0700), 0);
-}
 
 class DepotIntruder : public DepotTest, public ::testing::WithParamInterface<Intruder> {};
 
@@ -57,19 +32,29 @@ class DepotIntruder : public DepotTest, public ::testing::WithParamInterface<Int
 TEST_P(DepotIntruder, AddTakesTheNextNumberAndLeavesTheIntruderAlone) {
     WriteFile("outside", "outside");
     Open();
-    GetParam().plant();
+    const Intruder& in = GetParam();
+    const std::string planted = in.path;
+    switch (in.kind) {
+        case Kind::File:
+            WriteFile(planted, "precious");
+            break;
+        case Kind::Link:
+            ASSERT_EQ(::symlink(in.target, in.path), 0);
+            break;
+        case Kind::Fifo:
+            ASSERT_EQ(::mkfifo(in.path, 0600), 0);
+            break;
+        case Kind::Directory:
+            ASSERT_EQ(::mkdir(in.path, 0700), 0);
+            break;
+    }
     struct stat before {};
-    const std::string planted = ::lstat(kFirstEntry, &before) == 0 ? kFirstEntry : kFirstData;
-    ASSERT_EQ(::lstat(planted.c_str(), &before), 0);
+    ASSERT_EQ(::lstat(in.path, &before), 0);
 
     DepotEntry* e = DepotAddEntry(handle_, "abc", "1", nullptr, 0);
     ASSERT_NE(e, nullptr);
     EXPECT_STREQ(e->entryFilePath, "depot/00000016.1.xml");
-    PalFileHandle f{};
-    ASSERT_EQ(DepotFileOpenForWrite(handle_, e, &f, PAL_TRUE).palError, PAL_OK);
-    PalUint32 n = 0;
-    PalFileWrite(f, "data", 4, &n);
-    PalFileClose(f);
+    WriteData(handle_, e, "data");
     ASSERT_EQ(DepotCompleteEntry(handle_, e, 0).palError, PAL_OK);
 
     EXPECT_EQ(ReadFile("outside"), "outside");
@@ -78,8 +63,8 @@ TEST_P(DepotIntruder, AddTakesTheNextNumberAndLeavesTheIntruderAlone) {
     ASSERT_EQ(::lstat(planted.c_str(), &after), 0);
     EXPECT_EQ(after.st_ino, before.st_ino);
     EXPECT_EQ(after.st_mode, before.st_mode);
-    if (GetParam().plant == OrphanData) {
-        EXPECT_EQ(ReadFile(kFirstData), "precious");
+    if (in.kind == Kind::File) {
+        EXPECT_EQ(ReadFile(in.path), "precious");
     }
     EXPECT_EQ(ReadFile("depot/00000016.1.dat"), "data");
     // A purge walks past the intruder without blocking on it or removing it.
@@ -90,15 +75,16 @@ TEST_P(DepotIntruder, AddTakesTheNextNumberAndLeavesTheIntruderAlone) {
     EXPECT_EQ(after.st_ino, before.st_ino);
 }
 
-INSTANTIATE_TEST_SUITE_P(Kinds, DepotIntruder,
-                         ::testing::Values(Intruder{"OrphanData", OrphanData},
-                                           Intruder{"DataLinkOutside", DataLinkOutside},
-                                           Intruder{"EntryLinkOutside", EntryLinkOutside},
-                                           Intruder{"EntryLinkDangling", EntryLinkDangling},
-                                           Intruder{"DataFifo", DataFifo},
-                                           Intruder{"EntryFifo", EntryFifo},
-                                           Intruder{"EntryDirectory", EntryDirectory}),
-                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(
+    Kinds, DepotIntruder,
+    ::testing::Values(Intruder{"OrphanData", kFirstData, Kind::File, nullptr},
+                      Intruder{"DataLinkOutside", kFirstData, Kind::Link, "../outside"},
+                      Intruder{"EntryLinkOutside", kFirstEntry, Kind::Link, "../outside"},
+                      Intruder{"EntryLinkDangling", kFirstEntry, Kind::Link, "../nowhere"},
+                      Intruder{"DataFifo", kFirstData, Kind::Fifo, nullptr},
+                      Intruder{"EntryFifo", kFirstEntry, Kind::Fifo, nullptr},
+                      Intruder{"EntryDirectory", kFirstEntry, Kind::Directory, nullptr}),
+    [](const auto& info) { return std::string(info.param.name); });
 
 class DepotHostile : public DepotTest {};
 
@@ -185,29 +171,16 @@ TEST_F(DepotHostile, LiveWritersAreUntouchableAndDeadOnesStale) {
     EXPECT_TRUE(Exists(kFirstData));
 
     // A writer killed after its add: the entry is stale for everyone.
-    int ready[2];
-    ASSERT_EQ(::pipe(ready), 0);
-    pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
+    pid_t child = ForkHolding([] {
         DepotHandle* h = nullptr;
-        char c = DepotNew(&h, nullptr, 0).palError == PAL_OK &&
-                         DepotAddEntry(h, "abd", "1", nullptr, 0) != nullptr
-                     ? 'y'
-                     : 'n';
-        if (::write(ready[1], &c, 1) != 1) ::_exit(1);
-        for (;;) ::pause();
-    }
-    char c = 0;
-    ASSERT_EQ(::read(ready[0], &c, 1), 1);
-    ASSERT_EQ(c, 'y');
+        return DepotNew(&h, nullptr, 0).palError == PAL_OK &&
+               DepotAddEntry(h, "abd", "1", nullptr, 0) != nullptr;
+    });
+    ASSERT_GT(child, 0);
     DepotEntry* theirs = DepotGetEntry(other, "abd", "1");
     ASSERT_NE(theirs, nullptr);
     EXPECT_EQ(DepotEntryWriterAlive(other, theirs), PAL_TRUE);
-    ASSERT_EQ(::kill(child, SIGKILL), 0);
-    ASSERT_EQ(::waitpid(child, nullptr, 0), child);
-    ::close(ready[0]);
-    ::close(ready[1]);
+    KillChild(child);
     EXPECT_EQ(DepotEntryWriterAlive(other, theirs), PAL_FALSE);
     DepotFreeEntry(other, theirs);
     // Re-added afresh (the stale entry goes), and removable by name.
@@ -269,6 +242,21 @@ TEST_F(DepotHostile, CompletionWithoutItsDataFileFails) {
     ASSERT_NE(seen, nullptr);
     EXPECT_EQ(seen->state, DEPOT_STATE_IN_PROGRESS);
     EXPECT_EQ(DepotEntryWriterAlive(handle_, seen), PAL_FALSE);
+}
+
+// The system gives back a lock held by a killed process.
+TEST_F(DepotHostile, KilledLockHolderDoesNotStopTheOthers) {
+    Open();
+    // Takes back the units DepotNew lends both semaphores, so that they exclude strictly.
+    ASSERT_EQ(PalWaitSem(&handle_->depotLock).palError, PAL_OK);
+    ASSERT_EQ(PalWaitSem(&handle_->entryLock).palError, PAL_OK);
+    pid_t child =
+        ForkHolding([this] { return PalWaitSem(&handle_->depotLock).palError == PAL_OK; });
+    ASSERT_GT(child, 0);
+    EXPECT_EQ(SemValue("depot.lk"), 0);
+    KillChild(child);
+    EXPECT_EQ(SemValue("depot.lk"), 1);
+    EXPECT_NE(DepotAddEntry(handle_, "abc", "1", nullptr, 0), nullptr);
 }
 
 }  // namespace

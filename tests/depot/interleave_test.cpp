@@ -1,6 +1,6 @@
-// interleave_test.cpp - two handles on one depot, their steps interleaved by
-// hand: a completion must start from the counters another handle wrote after
-// this handle read its record, never from the record's own stale copy.
+// interleave_test.cpp - two handles on one depot, their steps interleaved by hand: a completion
+// starts from the counters another handle wrote after this one read its record, never from the
+// record's stale copy.
 
 #include <ostream>
 #include <string>
@@ -12,8 +12,8 @@ using namespace depot_test;
 
 namespace {
 
-// What the second handle does between the first handle's reuse of the key
-// and its completion, and the entry file the two leave behind.
+// What the second handle does between the first's reuse of the key and its completion, and the
+// entry file the two leave behind.
 struct Interleaving {
     const char* name;
     int completionsBefore;  // completions of the key before either record is taken

@@ -1,71 +1,30 @@
-// DepotGetLastError: after each constructor or lookup that returns null, the
-// calling thread learns the record and the file concerned; a success clears
-// both.
-#include <sys/ipc.h>
-#include <sys/sem.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
+// DepotGetLastError: after each constructor or lookup that returns null, the calling thread learns
+// the record and the file concerned; a success clears both.
 #include <cerrno>
-#include <climits>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <string>
 
-#include <gtest/gtest.h>
+#include "depot_fixture.h"
 
-#include "fanout/depot.h"
-#include "fanout/log.h"
+using namespace depot_test;
 
 namespace {
 
-class DepotLastError : public ::testing::Test {
+class DepotLastError : public DepotTest {
   protected:
-    void SetUp() override {
-        ASSERT_NE(::getcwd(oldCwd_, sizeof oldCwd_), nullptr);
-        char pattern[] = "/tmp/fanout-lasterror-XXXXXX";
-        ASSERT_NE(::mkdtemp(pattern), nullptr);
-        dir_ = pattern;
-        ASSERT_EQ(::chdir(dir_.c_str()), 0);  // the lock files go here
-        fanout_log_set_handler([](int32_t, const char*, void*) {}, nullptr);  // quiet
-    }
     void TearDown() override {
-        for (DepotHandle* h : {handle_, other_}) {
-            if (h != nullptr) DepotFree(h);
-        }
-        for (const char* lk : {"depot.lk", "entry.lk", "enum.lk"}) {
-            struct stat st {};
-            if (::stat(lk, &st) != 0 || !S_ISREG(st.st_mode)) continue;
-            const int id = ::semget(::ftok(lk, 1), 1, 0);
-            if (id >= 0) ::semctl(id, 0, IPC_RMID);
-        }
-        ::chmod((dir_ + "/locked").c_str(), 0700);
-        fanout_log_set_handler(nullptr, nullptr);
-        ASSERT_EQ(::chdir(oldCwd_), 0);
-        std::filesystem::remove_all(dir_);
+        if (other_ != nullptr) DepotFree(other_);
+        DepotTest::TearDown();
     }
-    DepotHandle* Open(DepotHandle** slot, const std::string& directory) {
-        EXPECT_EQ(DepotNew(slot, directory.c_str(), 0).palError, PAL_OK);
-        return *slot;
-    }
-
-    char oldCwd_[PATH_MAX] = {};
-    std::string dir_;
-    DepotHandle* handle_ = nullptr;
     DepotHandle* other_ = nullptr;
 };
 
 TEST_F(DepotLastError, EachFailureLeavesItsRecordAndFile) {
-    DepotHandle* h = Open(&handle_, dir_ + "/depot");
+    DepotHandle* h = Open();
     ASSERT_NE(h, nullptr);
-    // A second depot whose directory is a regular file, one this user may
-    // not write (root writes anyway), and a key a live writer holds.
-    std::ofstream(dir_ + "/plain") << "not a directory";
-    DepotHandle* plain = Open(&other_, dir_ + "/plain");
-    ASSERT_NE(plain, nullptr);
-    ASSERT_EQ(::mkdir((dir_ + "/locked").c_str(), 0500), 0);
+    // A second depot whose directory is a regular file, and a key a live writer holds.
+    WriteFile("plain", "not a directory");
+    ASSERT_EQ(DepotNew(&other_, (dir_ + "/plain").c_str(), 0).palError, PAL_OK);
     DepotEntry* held = DepotAddEntry(h, "held", "1", nullptr, 0);
     ASSERT_NE(held, nullptr);
     const std::string heldFile = held->entryFilePath;
@@ -86,22 +45,24 @@ TEST_F(DepotLastError, EachFailureLeavesItsRecordAndFile) {
         {"not found", [&] { return DepotGetEntry(h, "absent", "1") == nullptr; }, PAL_ERR_NO_ENTRY,
          0, ""},
         {"directory is a file",
-         [&] { return DepotAddEntry(plain, "a", "1", nullptr, 0) == nullptr; }, PAL_ERR_SYSTEM,
+         [&] { return DepotAddEntry(other_, "a", "1", nullptr, 0) == nullptr; }, PAL_ERR_SYSTEM,
          ENOTDIR, dir_ + "/plain/"},
     };
     for (const Case& c : cases) {
-        ASSERT_TRUE(c.failed()) << c.what;
+        SCOPED_TRACE(c.what);
+        ASSERT_TRUE(c.failed());
         const PalChar* file = nullptr;
         const PalError e = DepotGetLastError(&file);
-        EXPECT_EQ(e.palError, c.pal) << c.what;
-        EXPECT_EQ(e.nativeError, c.native) << c.what;
-        ASSERT_NE(file, nullptr) << c.what;
-        if (c.filePrefix.empty()) {
-            EXPECT_STREQ(file, "") << c.what;
-        } else {
-            EXPECT_EQ(std::string(file).rfind(c.filePrefix, 0), 0u) << c.what << ": " << file;
-        }
+        EXPECT_EQ(e.palError, c.pal);
+        EXPECT_EQ(e.nativeError, c.native);
+        ASSERT_NE(file, nullptr);
+        EXPECT_EQ(c.filePrefix.empty() ? std::string(file).size()
+                                       : std::string(file).rfind(c.filePrefix, 0),
+                  0u)
+            << file;
     }
+    // A directory this user may not write (root writes anyway).
+    ASSERT_EQ(::mkdir("locked", 0500), 0);
     if (::geteuid() != 0) {
         DepotHandle* locked = nullptr;
         ASSERT_EQ(DepotNew(&locked, (dir_ + "/locked").c_str(), 0).palError, PAL_OK);
@@ -113,6 +74,7 @@ TEST_F(DepotLastError, EachFailureLeavesItsRecordAndFile) {
         EXPECT_EQ(e.nativeError, EACCES);
         EXPECT_EQ(std::string(file).rfind(dir_ + "/locked/", 0), 0u) << file;
     }
+    ::chmod("locked", 0700);
     // A success clears the record; the file argument may be null.
     DepotEntry* added = DepotAddEntry(h, "a", "1", nullptr, 0);
     ASSERT_NE(added, nullptr);
@@ -120,23 +82,6 @@ TEST_F(DepotLastError, EachFailureLeavesItsRecordAndFile) {
     EXPECT_EQ(DepotGetLastError(&file).palError, PAL_OK);
     EXPECT_STREQ(file, "");
     EXPECT_EQ(DepotGetLastError(nullptr).palError, PAL_OK);
-    DepotFreeEntry(h, added);
-    DepotFreeEntry(h, held);
-}
-
-// A lock file that cannot be created fails DepotNew, which names it.
-TEST_F(DepotLastError, DepotNewNamesTheLockFileItCouldNotCreate) {
-    ASSERT_EQ(::mkdir("depot.lk", 0700), 0);
-    DepotHandle* h = nullptr;
-    const PalError returned = DepotNew(&h, (dir_ + "/depot").c_str(), 0);
-    EXPECT_EQ(h, nullptr);
-    const PalChar* file = nullptr;
-    const PalError last = DepotGetLastError(&file);
-    EXPECT_NE(returned.palError, PAL_OK);
-    EXPECT_EQ(last.palError, returned.palError);
-    EXPECT_EQ(last.nativeError, returned.nativeError);
-    EXPECT_EQ(last.traceLocation, returned.traceLocation);
-    EXPECT_STREQ(file, "depot.lk");
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// space_purge_test.cpp - space accounting in KiB, permanent storage, both
-// purges, and checkpoint offsets of the Depot.
+// space_purge_test.cpp - space accounting in KiB, permanent storage, both purges, and checkpoint
+// offsets of the Depot.
 
 #include <ctime>
 #include <string>
@@ -81,6 +81,10 @@ TEST_F(DepotSpace, PurgeWithoutForceKeepsReferencedEntries) {
 
     ASSERT_EQ(DepotPurge(handle_, PAL_TRUE).palError, PAL_OK);
     EXPECT_EQ(ListDir("depot").size(), 0u);
+    DepotEnum* walk = nullptr;
+    ASSERT_EQ(DepotEnumNew(handle_, &walk).palError, PAL_OK);
+    EXPECT_EQ(DepotEntryEnumNextElement(walk), nullptr);
+    EXPECT_EQ(DepotEntryEnumDelete(walk).palError, PAL_OK);
 }
 
 TEST_F(DepotSpace, PurgeExpiredRemovesOnlyCompleteEntriesPastTheirDeadline) {
@@ -110,24 +114,12 @@ TEST_F(DepotSpace, PurgeExpiredRemovesOnlyCompleteEntriesPastTheirDeadline) {
     EXPECT_EQ(DepotGetEntry(handle_, "busy", "1"), busy);
 }
 
-TEST_F(DepotSpace, EmptyDepotEnumeratesNothing) {
-    Open();
-    DepotEnum* walk = nullptr;
-    ASSERT_EQ(DepotEnumNew(handle_, &walk).palError, PAL_OK);
-    EXPECT_EQ(DepotEntryEnumNextElement(walk), nullptr);
-    EXPECT_EQ(DepotEntryEnumDelete(walk).palError, PAL_OK);
-}
-
 TEST_F(DepotSpace, CheckpointResumesOnlyWithTheWritersOwnStamp) {
     Open();
     DepotEntry* e = DepotAddEntry(handle_, "abc", "1", nullptr, 0);
     ASSERT_NE(e, nullptr);
-    PalFileHandle f{};
-    ASSERT_EQ(DepotFileOpenForWrite(handle_, e, &f, PAL_TRUE).palError, PAL_OK);
+    WriteData(handle_, e, std::string(100, 'z'));
     PalInt32 stamp = e->lastWriteTime;
-    PalUint32 n = 0;
-    ASSERT_EQ(PalFileWrite(f, std::string(100, 'z').data(), 100, &n).palError, PAL_OK);
-    PalFileClose(f);
 
     PalUint64 offset = 7;
     ASSERT_EQ(DepotSetCheckpointOffset(handle_, "abc", "1", stamp + 1, &offset).palError, PAL_OK);

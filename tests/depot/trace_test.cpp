@@ -1,25 +1,11 @@
-// trace_test.cpp - the whole trace of scripted Depot sessions, at the most
-// verbose level, compared line for line with tests/golden/depot_trace.txt.
-// The trace texts are part of what the store promises its operators: this
-// test holds every entry, exit, failure and tolerated-failure line to its
-// bytes and its order, together with each call's result and the thread's
-// last-failure record. The sessions are deterministic: one entry at a time
-// where the directory order would matter, relative paths, fixed deadlines.
-//
-// FANOUT_WRITE_GOLDEN=1 writes the golden copy from this run instead.
-
-#include <sys/ipc.h>
-#include <sys/sem.h>
-#include <sys/stat.h>
-#include <unistd.h>
+// trace_test.cpp - the whole trace of scripted Depot sessions at the most verbose level, with each
+// call's result and the thread's last-failure record, compared byte for byte with
+// tests/golden/depot_trace.txt. FANOUT_WRITE_GOLDEN=1 writes the golden copy instead.
 
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <string>
-#include <vector>
 
 #include "depot_fixture.h"
 #include "fanout/palfile.h"
@@ -30,51 +16,20 @@ using namespace depot_test;
 
 namespace {
 
-class DepotTrace : public ::testing::Test {
+class DepotTrace : public DepotTest {
   protected:
     void SetUp() override {
-        char cwd[PATH_MAX];
-        ASSERT_NE(::getcwd(cwd, sizeof cwd), nullptr);
-        oldCwd_ = cwd;
-        char tmpl[] = "/tmp/fanout_trace_XXXXXX";
-        ASSERT_NE(::mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-        ASSERT_EQ(::chdir(dir_.c_str()), 0);
-        const char* strict = std::getenv("FANOUT_DEPOT_STRICT_LOCKS");
-        if (strict != nullptr) oldStrict_ = strict;
-        hadStrict_ = strict != nullptr;
-        ::setenv("FANOUT_DEPOT_STRICT_LOCKS", "0", 1);
-        fanout_log_set_level(3);
+        DepotTest::SetUp();
+        ::setenv("FANOUT_DEPOT_STRICT_LOCKS", "0", 1);  // the traced lock calls are the default's
         fanout_log_set_handler(&DepotTrace::Capture, this);
     }
 
     void TearDown() override {
-        fanout_log_set_handler(nullptr, nullptr);
-        fanout_log_set_level(1);
-        if (hadStrict_)
-            ::setenv("FANOUT_DEPOT_STRICT_LOCKS", oldStrict_.c_str(), 1);
-        else
-            ::unsetenv("FANOUT_DEPOT_STRICT_LOCKS");
-        for (const std::string& sub : {std::string("."), std::string("a"), std::string("b")}) {
-            if (::chdir((dir_ + "/" + sub).c_str()) != 0) continue;
-            RemoveSemaphores();
-        }
-        ASSERT_EQ(::chdir(oldCwd_.c_str()), 0);
-        ::nftw(
-            dir_.c_str(),
-            [](const char* p, const struct stat*, int, struct FTW*) { return ::remove(p); }, 16,
-            FTW_DEPTH | FTW_PHYS);
+        ::unsetenv("FANOUT_DEPOT_STRICT_LOCKS");
+        DepotTest::TearDown();
     }
 
-    static void RemoveSemaphores() {
-        for (const char* f : {"depot.lk", "entry.lk", "enum.lk"}) {
-            int id = SemId(f);
-            if (id >= 0) ::semctl(id, 0, IPC_RMID);
-        }
-    }
-
-    // Points the handle's semaphores at no set (every semop fails with
-    // EINVAL), or back at their own.
+    // Points the handle's semaphores at no set (every semop fails with EINVAL), or back.
     void BreakLocks(DepotHandle* h, bool broken) {
         auto* depot = static_cast<PalInternalSem*>(h->depotLock.handle);
         auto* entry = static_cast<PalInternalSem*>(h->entryLock.handle);
@@ -149,18 +104,13 @@ class DepotTrace : public ::testing::Test {
         std::string path = std::string(root) + "/tests/golden/depot_trace.txt";
         const char* write = std::getenv("FANOUT_WRITE_GOLDEN");
         if (write != nullptr && std::string(write) == "1") {
-            std::ofstream out(path, std::ios::binary | std::ios::trunc);
-            out << transcript_;
+            WriteFile(path, transcript_);
             GTEST_SKIP() << "wrote " << path;
         }
         ASSERT_TRUE(Exists(path)) << path;
         EXPECT_EQ(transcript_, ReadFile(path));
     }
 
-    std::string oldCwd_;
-    std::string dir_;
-    std::string oldStrict_;
-    bool hadStrict_ = false;
     std::string transcript_;
     PalInt32 savedIds_[2] = {-1, -1};
 };
@@ -321,7 +271,6 @@ TEST_F(DepotTrace, ScriptedSessionsTraceTheirTextsByteForByte) {
              err.traceLocation, h != nullptr ? "handle" : "null", last.palError, last.nativeError,
              last.traceLocation, file != nullptr ? file : "");
         if (h != nullptr) (void)DepotFree(h);
-        RemoveSemaphores();
         ASSERT_EQ(::chdir(dir_.c_str()), 0);
     }
     Result("DepotNew (no out)", DepotNew(nullptr, nullptr, 0));

@@ -1,8 +1,5 @@
-# Interoperability of our CDR with an independent CORBA ORB (omniORB): built
-# only when its IDL compiler and development files are installed (Debian:
-# omniidl, libomniorb4-dev). omniidl compiles tests/idl/interop/fanout2.idl at
-# build time; the test program links the generated stubs, omniORB and
-# fanout_idl, and checks values in both directions.
+# Interoperability of our CDR with an independent CORBA ORB (omniORB), built only when omniidl
+# and the ORB's development files are installed (Debian: omniidl, libomniorb4-dev).
 find_program(FANOUT_OMNIIDL omniidl)
 find_package(PkgConfig QUIET)
 if(FANOUT_OMNIIDL AND PKG_CONFIG_FOUND)

@@ -1,6 +1,5 @@
-// Tests of files and directories: records (all three fields), the mappings of
-// open flags, permission bits and seek origins, 64-bit sizes and offsets, the
-// fixed formatting buffer, and ownership against real users when root.
+// Tests of files and directories: records (all three fields), flag, permission and seek mappings,
+// 64-bit sizes and offsets, the fixed formatting buffer, and ownership (when root).
 
 #include "posix/filemap.h"
 

@@ -1,5 +1,5 @@
-// Tests of the list container: slot reuse, growth, the spare slot past the
-// capacity and the newest-first iterator.
+// Tests of the list container: slot reuse, growth, the spare slot past the capacity and the
+// newest-first iterator.
 
 #include <fanout/pallist.h>
 

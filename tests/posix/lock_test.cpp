@@ -1,6 +1,5 @@
-// Tests of the named semaphores across forked processes. Each test keys its
-// semaphore on a file in its own directory; guards remove the set and reap the
-// children whether or not the assertions hold.
+// Tests of the named semaphores across forked processes, keyed on a file in a private directory;
+// guards remove the set and reap the children whether or not the assertions hold.
 
 #include <fanout/pallock.h>
 

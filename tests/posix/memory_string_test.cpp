@@ -1,5 +1,5 @@
-// Tests of the memory and string wrappers: their null and size rules, which
-// differ on purpose (a null sorts first in PalMemoryCmp, last in strings).
+// Tests of the memory and string wrappers: their null and size rules, which differ on purpose (a
+// null sorts first in PalMemoryCmp, last in strings).
 
 #include <fanout/palmemory.h>
 

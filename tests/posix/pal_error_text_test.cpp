@@ -1,5 +1,5 @@
-// PalErrorText and PalErrorName: the line a person reads for an error record,
-// its cutting to a small buffer, and its bound.
+// PalErrorText and PalErrorName: the line a person reads for an error record, its cutting to a
+// small buffer, and its bound.
 #include <fanout/palerror.h>
 
 #include <gtest/gtest.h>

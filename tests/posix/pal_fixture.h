@@ -1,6 +1,5 @@
-// pal_fixture.h - what the portability layer's tests share: tables of records
-// checked on all three fields, a private temporary directory, and guards that
-// remove a semaphore set and reap a child even when an assertion fails.
+// pal_fixture.h - shared by the portability layer's tests: tables of records checked on all three
+// fields, a private directory, and guards that remove a semaphore set and reap a child.
 #ifndef FANOUT_TESTS_POSIX_PAL_FIXTURE_H
 #define FANOUT_TESTS_POSIX_PAL_FIXTURE_H
 

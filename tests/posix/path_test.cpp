@@ -1,5 +1,5 @@
-// Tests of the path-name operations: classification, prefix, parent and name,
-// and the oddities ("Failure" for a bare name, "" counting as absolute).
+// Tests of the path-name operations: classification, prefix, parent and name, and the oddities
+// ("Failure" for a bare name, "" counting as absolute).
 
 #include <fanout/palpath.h>
 

@@ -1,6 +1,5 @@
-// Tests of the in-memory property list: the getters' missing-key and
-// wrong-type rules, replacement in place, removal order, clone independence,
-// equality and matching.
+// Tests of the in-memory property list: the getters' missing-key and wrong-type rules, replacement
+// in place, removal order, clone independence, equality and matching.
 #include "fanout/properties.h"
 
 #include <gtest/gtest.h>

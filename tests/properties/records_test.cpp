@@ -1,6 +1,5 @@
-// Tests of the records built on property lists: the Segment and Toc views
-// and who owns their lists, the message record's defaults and read order,
-// and the exported key vocabulary.
+// Tests of the records built on property lists: Segment and Toc views and who owns their lists,
+// the message record's defaults and read order.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -8,7 +7,6 @@
 #include <tuple>
 #include <vector>
 
-#include "fanout/keys.h"
 #include "fanout/message.h"
 #include "fanout/segment.h"
 #include "properties/support.h"
@@ -119,73 +117,5 @@ TEST(Records, MissingOrMistypedKeysRaise) {
                   raised);
     }
 }
-
-// One row per constant: M(X, ...) stands for MESSAGE_X_KEY, S for SEGMENT_,
-// R for RESULT_ and N for NODE_; ESCALATE(n) gives the date and message keys n.
-// clang-format off
-#define M(name, text) {MESSAGE_##name##_KEY, text}
-#define S(name, text) {SEGMENT_##name##_KEY, text}
-#define R(name, text) {RESULT_##name##_KEY, text}
-#define N(name, text) {NODE_##name##_KEY, text}
-#define ESCALATE(n) {MESSAGE_ESCALATE_DATE_KEY_##n, "escalate_date." #n}, \
-                    {MESSAGE_ESCALATE_MSG_KEY_##n, "escalate_msg." #n}
-TEST(KeyVocabulary, EveryConstantHasItsProtocolString) {
-    const std::pair<const char*, const char*> keys[] = {
-        M(APPLICATION_ID, "app_id"), M(ARGUMENTS, "args"), M(BULK_CHECKPOINT, "bulk_checkpoint"),
-        M(BULK_DATA_FLAG, "bulk_data_flag"), M(BYPASS_ROUTE, "bypass_route"),
-        M(CALLBACK_RECV_METHOD, "cb_recv_meth"), M(CALLBACK_TARGET, "cb_target"),
-        M(CBE_DIST_ID, "cbe_dist_id"), M(FERRY_MC_URL, "ferry_mc_url"),
-        M(FERRY_SEND_JOB, "ferry_send_job"), M(FERRY_TARGET_LIST, "ferry_target_list"),
-        M(FERRY_TYPE, "ferry_type"), M(FERRY_USERNAME, "ferry_username"),
-        M(COMMAND_CANCEL, "cmd_cancel"), M(COMMAND_PAUSE, "cmd_pause"),
-        M(CONTROL_DIST_ID, "cntl_dist_id"), M(CONTROL_TARGET, "cntl_target_oid"),
-        M(DATA_PATH, "data_path"), M(DATA_SOURCE, "data_source"), M(DEADLINE, "deadline"),
-        M(DEPOT_ARGS, "depot_args"), M(DEPOT_IMAGE_DIR, "image_dir"),
-        M(DEPOT_INSTALL_METHOD, "depot_install_meth"), M(DISPLAY_DEFERRED, "display_DEFERRED"),
-        M(DIST_MGR, "dist_mgr"), M(DS_SEND_JOB, "ds_send_job"),
-        M(ENDPOINT_MULTICAST, "endpoint_multicast"), M(ENDPOINT_TYPE, "endpoint_type"),
-        M(EP_DEPOT, "ep_depot"), ESCALATE(0), ESCALATE(1), ESCALATE(2), ESCALATE(3), ESCALATE(4),
-        ESCALATE(5), ESCALATE(6), ESCALATE(7), ESCALATE(8), ESCALATE(9), M(EXCEPTION, "exception"),
-        M(FAIL_UNAVAILABLE, "fail_unavail"), M(FORCE_MANDATORY, "force_mandatory"),
-        M(HIDDEN, "hidden"), M(ID, "id"), {MESSAGE_INVALID_DIST_ID, "<invalid id>"},
-        M(IS_FERRY, "is_ferry"), M(IS_EXCLUSIVE, "is_exclusive"), M(IS_MULTICAST, "is_multicast"),
-        M(IS_MULTISTART, "is_multistart"), M(IS_RESULT, "is_result"), M(IS_ROAM, "is_roam"),
-        M(LABEL, "label"), M(MANDATORY_DATE, "mand_date"), M(METHOD_CONTEXT, "meth_context"),
-        M(MOBILE_NOTE, "mobile_note"), M(MOBILE_SETUP_METH, "mob_setup"),
-        M(NOTIFY_INTERVAL, "notify_intv"), M(PARENT_DIST_ID, "parent_dist_id"),
-        M(PENDING_CANCEL, "pending_cancel"), M(PRIORITY, "pri"), M(PRUNE_REWIND, "prune_rewind"),
-        M(PRUNE_SUCCESSFUL, "prune_successful"), M(REAL_TARGET, "real_target"),
-        {MESSAGE_REAL_TARGET_LABEL, "real_target_label"},
-        {MESSAGE_REAL_TARGET_UNIQUE_ID, "real_target_unique_id"}, M(RECV_METHOD, "recv_meth"),
-        M(REPEATER_MULTICAST, "repeater_multicast"), M(RESULTS, "results"),
-        M(RESULT_CALLBACK_TIMEOUT, "res_cb_timeout"), M(RESULT_TIMEOUT, "result_timeout"),
-        M(ROAM_ENDPOINTS, "roam_endpoints"), M(RPT_CHAIN_2, "rpt_chain_2"),
-        M(RPT_CHAIN, "rpt_chain"), M(SEGMENT_FILE_LIST, "segs"), M(SEND_TIMEOUT, "send_timeout"),
-        M(SIZE, "size"), M(TARGET_ACTION, "target_action"), M(TYPE, "type"),
-        M(USER_CAN_REJECT, "user_can_reject"), M(USER_ID, "u_id"),
-        M(USER_INITIATED, "user_initiated"), M(VALIDATE_DB_CONN, "dist_validate_db_conn"),
-        M(WOL, "wake_on_lan"), {SEGMENT_FERRY_DEFERRED, "ferry_deferred"},
-        {SEGMENT_FERRY_DESTINATION, "ferry_destination"}, {SEGMENT_FERRY_MANAGER, "ferry_manager"},
-        {SEGMENT_FERRY_PACKAGEID, "ferry_packageid"}, {SEGMENT_FERRY_PASSWORD, "ferry_password"},
-        {SEGMENT_FERRY_USERNAME, "ferry_username"}, S(CHECKSUM, "checksum"), S(CTIME, "ctime"),
-        S(DATA_BY_REFERENCE, "data_by_reference"), S(DATA_PATH, "data_path"),
-        S(DAT_FILE, "dat_file"), S(DELETE_AT_SOURCE, "del_at_src"), S(DISPOSABLE, "disposable"),
-        S(HAS_SIZE, "has_size"), S(HOSTNAME, "hostname"), S(ID, "id"),
-        S(IS_COLLECTION, "is_collection"), S(IS_RESULT, "is_result"), S(LOCATION, "location"),
-        S(MTIME, "mtime"), S(OFFSET, "offset"), S(SIZE, "size"), S(VERSION, "version"),
-        R(FINISH_TIME, "r_ft"), R(HAS_BULK_DATA, "r_bulk"), R(INTERRUPTED_TIME, "r_it"),
-        R(INTERRUPTION_COUNT, "r_ic"), R(IS_EXCEPTION, "r_is_ex"), R(IS_FLUSHED, "r_flsd"),
-        R(LABEL, "r_label"), R(PAUSED_TIME, "r_pt"), R(RECEIVING_TIME, "r_rt"),
-        R(RPT_SOURCE, "r_rpt_src"), R(SENDING_TIME, "r_et"), R(SOURCE, "r_src"),
-        R(START_TIME, "r_st"), R(STATE, "r_s"), R(UNAVAILABLE_TIME, "r_ut"), R(VALUE, "r_val"),
-        R(WAITING_TIME, "r_wt"), N(COMMAND, "n_command"), N(DIST_PAUSED_GW_DOWN, "n_d_paused"),
-        N(IS_MOBILE, "n_is_mob"), N(NEW_JOBS, "n_njobs"), N(SENT_HI, "n_sent_hi"),
-        N(SENT, "n_sent"), N(STATE, "n_state"), N(TOTAL_HI, "n_total_hi"), N(TOTAL, "n_total"),
-        {JOB_TOC_KEY, "j_toc"},
-    };
-    EXPECT_EQ(std::size(keys), 143u);
-    for (const auto& [constant, text] : keys) EXPECT_STREQ(constant, text);
-}
-// clang-format on
 
 }  // namespace

@@ -1,5 +1,5 @@
-// support.h - helpers shared by the property-list tests: catching the
-// catalogue exception a call raises, and lists freed at the end of scope.
+// support.h - helpers shared by the property-list tests: catching the catalogue exception a call
+// raises, and lists freed at the end of scope.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -27,9 +27,7 @@ TEST(Allocator, ZeroSizedRequestsGiveDistinctBlocksAndCallocZeroes) {
     void* a = mg_malloc(0);
     void* b = mg_calloc(0, 8);
     void* c = mg_realloc(nullptr, 0);
-    ASSERT_NE(a, nullptr);
-    ASSERT_NE(b, nullptr);
-    ASSERT_NE(c, nullptr);
+    for (void* p : {a, b, c}) ASSERT_NE(p, nullptr);
     EXPECT_NE(a, b);
     auto* z = static_cast<uint8_t*>(mg_calloc(64, 4));
     EXPECT_EQ(std::vector<uint8_t>(z, z + 256), std::vector<uint8_t>(256, 0));

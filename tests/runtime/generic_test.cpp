@@ -46,20 +46,18 @@ const TypeCodeRec* const kTypes[kMembers] = {
 uint32_t g_offsets[kMembers];
 
 TypeCodeRec make_everything_tc() {
-    uint32_t size = 0, align = 0;
-    EXPECT_TRUE(fanout::tc_struct_layout(kMembers, kTypes, g_offsets, &size, &align));
-    return TypeCodeRec{FANOUT_TK_STRUCT,
-                       -1,
-                       "IDL:Test/Everything:1.0",
-                       "Everything",
-                       "Test::Everything",
-                       size,
-                       align,
-                       0,
-                       kMembers,
-                       kNames,
-                       kTypes,
-                       g_offsets};
+    TypeCodeRec tc{};
+    tc.kind = FANOUT_TK_STRUCT;
+    tc.refcount = -1;
+    tc.repo_id = "IDL:Test/Everything:1.0";
+    tc.name = "Everything";
+    tc.reg_name = "Test::Everything";
+    tc.member_count = kMembers;
+    tc.member_names = kNames;
+    tc.member_types = kTypes;
+    tc.member_offsets = g_offsets;
+    EXPECT_TRUE(fanout::tc_struct_layout(kMembers, kTypes, g_offsets, &tc.size, &tc.align));
+    return tc;
 }
 const TypeCodeRec kEverything = make_everything_tc();
 
@@ -92,11 +90,10 @@ Everything make_everything() {
     e.f = 1.5f;
     e.d = -2.25;
     e.str = mg_strdup("segment");
-    e.any._type = TC_Kel_Types_StringList;
     auto* inner = static_cast<Kel_Types_StringList*>(mg_calloc(1, sizeof(Kel_Types_StringList)));
     add_string(inner, "a");
     add_string(inner, "b");
-    e.any._value = inner;
+    e.any = Any{TC_Kel_Types_StringList, inner};
     e.tc = TC_Kel_Types_OctetList;
     e.obj = make_object("IDL:Test/Thing:1.0", 7);
     add_string(&e.list, "one");
@@ -104,13 +101,19 @@ Everything make_everything() {
     return e;
 }
 
+void set_str(Everything* e, const char* text) {
+    mg_free(e->str);
+    e->str = text != nullptr ? mg_strdup(text) : nullptr;
+}
+void set_obj(Everything* e, Object obj) {
+    Object_release(e->obj);
+    e->obj = obj;
+}
+
 std::string take_message(Environment* env) {
-    std::string text;
-    if (env->_exception != nullptr) {
-        char* rendered = ex_render(env->_exception);
-        text = rendered != nullptr ? rendered : "";
-        mg_free(rendered);
-    }
+    char* rendered = env->_exception != nullptr ? ex_render(env->_exception) : nullptr;
+    std::string text = rendered != nullptr ? rendered : "";
+    mg_free(rendered);
     ev_clear(env);
     return text;
 }
@@ -163,38 +166,15 @@ TEST(GenericEqual, ComparesByContent) {
         bool equal;
     };
     const Case cases[] = {
-        {"null string differs from a text",
-         [](Everything* e) {
-             mg_free(e->str);
-             e->str = nullptr;
-         },
-         false},
-        {"string equals a copy of itself",
-         [](Everything* e) {
-             mg_free(e->str);
-             e->str = mg_strdup("s");
-         },
-         true},
+        {"null string differs from a text", [](Everything* e) { set_str(e, nullptr); }, false},
+        {"string equals a copy of itself", [](Everything* e) { set_str(e, "s"); }, true},
         {"strings differ", [](Everything* e) { e->str[0] = 'x'; }, false},
         {"sequence capacity is ignored", [](Everything* e) { e->list.maximum = 40; }, true},
         {"same object contents, other record",
-         [](Everything* e) {
-             Object_release(e->obj);
-             e->obj = make_object("IDL:Test/Thing:1.0", 7);
-         },
-         true},
+         [](Everything* e) { set_obj(e, make_object("IDL:Test/Thing:1.0", 7)); }, true},
         {"object profile differs",
-         [](Everything* e) {
-             Object_release(e->obj);
-             e->obj = make_object("IDL:Test/Thing:1.0", 8);
-         },
-         false},
-        {"nil object",
-         [](Everything* e) {
-             Object_release(e->obj);
-             e->obj = nullptr;
-         },
-         false},
+         [](Everything* e) { set_obj(e, make_object("IDL:Test/Thing:1.0", 8)); }, false},
+        {"nil object", [](Everything* e) { set_obj(e, nullptr); }, false},
         {"negative zero differs from zero", [](Everything* e) { e->d = -0.0; }, false},
         {"boolean", [](Everything* e) { e->b = 0; }, false},
         {"sequence shorter", [](Everything* e) { e->list.length = 1; }, false},
@@ -207,10 +187,8 @@ TEST(GenericEqual, ComparesByContent) {
         Everything b = make_everything();
         a.d = 0.0;
         b.d = 0.0;
-        for (Everything* e : {&a, &b}) {
-            mg_free(e->str);
-            e->str = mg_strdup("s");
-        }
+        set_str(&a, "s");
+        set_str(&b, "s");
         uint32_t length = b.list.length;
         TypeCode any_type = b.any._type;
         c.change(&b);
@@ -318,10 +296,6 @@ TEST(TypeCodeRefcount, AnyHoldsItsRunTimeTypeCode) {
     EXPECT_EQ(pair->refcount, 1);
     kel_free_generic(&copy, TC_any);  // last reference: the sanitizer checks the frees
 }
-
-}  // namespace
-
-namespace {
 
 TEST(ObjectReference, CopiesItsPartsAndCountsReferences) {
     uint8_t body[] = {9, 8, 7};

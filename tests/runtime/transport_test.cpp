@@ -1,8 +1,5 @@
-// Tests of the framed channel over real sockets: both directions' exchanges
-// over a socket pair and TCP loopback, hostile frames, a peer that vanishes,
-// the control blocks a poll picks up, EINTR, the time-out, and how the
-// process's channel is found. tests/stream/netstream_test.cpp drives the same
-// exchanges end to end through the streams.
+// The framed channel over real sockets: exchanges both ways, hostile frames, a vanishing peer,
+// polled control blocks, EINTR, the time-out, and how the process's channel is found.
 #include <gtest/gtest.h>
 
 #include <pthread.h>
@@ -56,9 +53,8 @@ int32_t raised(const std::function<void()>& call, const char* name) {
     return 0;
 }
 
-// Blocks as text, freed: the `n` octets at `data`; a frame's payload; the
-// peer's next data block ("end" at the end of data) or start message; the
-// process channel's next block, status octet first ("" at the end of data).
+// Blocks as text, freed: `n` octets at `data`; a frame's payload; the peer's next data block ("end"
+// at the end) or start message; the process channel's next block, status first ("" at the end).
 std::string take(void* data, size_t n) {
     std::string text(static_cast<char*>(data), data != nullptr ? n : 0);
     mg_free(data);
@@ -105,9 +101,8 @@ class TransportTest : public ::testing::Test {
   protected:
     void SetUp() override {
         for (const char* v : {"FANOUT_IPC", "FANOUT_IPC_FD", "FANOUT_IPC_SESSION",
-                              "FANOUT_IPC_TIMEOUT", "FANOUT_CONFIG"}) {
+                              "FANOUT_IPC_TIMEOUT", "FANOUT_CONFIG"})
             unsetenv(v);
-        }
         char dir[] = "/tmp/fanout_transport_XXXXXX";
         ASSERT_NE(mkdtemp(dir), nullptr);
         dir_ = dir;
@@ -152,10 +147,8 @@ class TransportLinkTest : public TransportTest, public ::testing::WithParamInter
 INSTANTIATE_TEST_SUITE_P(Links, TransportLinkTest, ::testing::Values(false, true),
                          [](const auto& info) { return info.param ? "Tcp" : "SocketPair"; });
 
-// One session per link: the stream writes (method status, a block size back,
-// each block answered, the last with a stop), receives twice (sending its toc
-// first each time; a signal interrupts its first wait), and is then stuck
-// writing when the peer vanishes, leaving half a frame behind.
+// One session per link: the stream writes (each block answered, the last with a stop), receives
+// twice (a signal interrupts the first wait), then is stuck writing when the peer vanishes.
 TEST_P(TransportLinkTest, ExchangesBothWaysThenThePeerVanishes) {
     signal(SIGPIPE, SIG_DFL);  // a send to the vanished peer must not kill the test
     struct sigaction action = {}, previous = {};
@@ -245,10 +238,8 @@ const Call kPoll = [](FanoutChannel*) {
     return take(data, 1);
 };
 
-// Refusals are 109 on the receiving side, 111 on the writing side. Refused
-// headers come without their payload: a refusal made only after reading the
-// payload would meet the end of the input (101) instead. The pure check gives
-// its verdict on the same octets.
+// Refusals are 109 receiving, 111 writing. Refused headers come without their payload: refusing
+// only after reading it would meet the end of input (101). The pure check judges the same octets.
 TEST_F(TransportTest, HostileFramesRaiseTheirCatalogueMessage) {
     const int32_t kOk = FANOUT_FRAME_OK, kCut = FANOUT_FRAME_TRUNCATED;
     const int32_t kType = FANOUT_FRAME_BAD_TYPE, kLength = FANOUT_FRAME_BAD_LENGTH;
@@ -322,11 +313,9 @@ TEST_F(TransportTest, PollTakesControlBlocksAndQueuesTheDataBeforeThem) {
     EXPECT_EQ(raised([] { next_block(); }, "pair"), 101);
 }
 
-// Frames of mixed sizes, written in groups that each arrive while the read
-// buffer is empty: after a large frame the receiver guesses that the next is
-// as large and reads its header and payload in one go, keeping the payload
-// when the guess fits (or fits in part) and handing the octets of a smaller
-// frame's successors back to the read buffer. Every frame arrives whole.
+// After a large frame the receiver reads the next header and a guessed payload in one go; groups
+// of mixed sizes, each arriving into an empty read buffer, check every guess still gives whole
+// frames.
 TEST_F(TransportTest, MixedFrameSizesArriveWholeWhateverTheGuess) {
     ASSERT_NO_FATAL_FAILURE(open(false));
     const std::vector<std::vector<uint32_t>> groups = {

@@ -1,11 +1,7 @@
-# Extra build steps of the stream tests, one section per test program.
-
-# --- content delivery service client (ferry_test) --------------------------
-# libFerryClient.so, the service's stand-in client library, is built from
-# ferry_double.cpp into a directory of its own (so nothing finds it by
-# accident), and once more without "ReleaseFile" into another. The test links
-# the complete one in; the probe, not linked to it, loads it by base name or
-# through the service's configuration file in processes of its own.
+# libFerryClient.so, the delivery service's stand-in client library, is built from
+# ferry_double.cpp into a directory of its own (so nothing finds it by accident), and once more
+# without "ReleaseFile" into another. ferry_test links the complete one in; the probe loads it
+# by base name or through the service's configuration file in processes of its own.
 if(TARGET test_stream_ferry_test)
   foreach(_variant ferry_double ferry_incomplete)
     add_library(fanout_${_variant} SHARED ${CMAKE_CURRENT_LIST_DIR}/ferry_double.cpp)
@@ -28,9 +24,10 @@ if(TARGET test_stream_ferry_test)
     FERRY_INCOMPLETE_DIR="$<TARGET_FILE_DIR:fanout_ferry_incomplete>")
   add_dependencies(test_stream_ferry_test test_stream_ferry_probe fanout_ferry_incomplete)
 endif()
-# ---------------------------------------------------------------------------
 
-# --- local source search (search_test) -------------------------------------
-# Kept after the delivery-service section: it links that section's stand-in.
-include(${CMAKE_CURRENT_LIST_DIR}/search.cmake)
-# ---------------------------------------------------------------------------
+# search_test runs the depot administration tool to store a segment and write its image.
+if(TARGET test_stream_search_test AND TARGET fanout-depot)
+  target_compile_definitions(test_stream_search_test PRIVATE
+                             FANOUT_DEPOT_TOOL="$<TARGET_FILE:fanout-depot>")
+  add_dependencies(test_stream_search_test fanout-depot)
+endif()

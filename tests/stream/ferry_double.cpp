@@ -1,7 +1,5 @@
-// ferry_double.cpp - a stand-in for the delivery service's client library,
-// built only for the tests as libFerryClient.so (ferry_double.h describes
-// it). Built with FERRY_DOUBLE_INCOMPLETE it lacks "ReleaseFile": a library
-// the client must refuse.
+// ferry_double.cpp - the delivery service's stand-in client library (ferry_double.h). Built with
+// FERRY_DOUBLE_INCOMPLETE it lacks "ReleaseFile": a library the client must refuse.
 #include "ferry_double.h"
 
 #include <chrono>
@@ -48,11 +46,11 @@ struct State {
     }
 } g;
 
+namespace fs = std::filesystem;
+
 std::string text(const char* s) {
     return s != nullptr ? s : "-";
 }
-
-namespace fs = std::filesystem;
 
 bool copy(const std::string& from, const std::string& to) {
     std::error_code ec;
@@ -86,8 +84,6 @@ EXPORT size_t ferry_double_journal(char* out, size_t cap) {
     return g.journal.size();
 }
 
-// The service's entry points.
-
 EXPORT int32_t DownloadFile(const char* manager, const char* package, const char* destination,
                             const char* user, const char* password, FerryCallback callback,
                             uint32_t* handle) {
@@ -116,9 +112,8 @@ EXPORT int32_t DownloadFile(const char* manager, const char* package, const char
             callback(h, status);
             tell(g.called_back);
         });
-        // The callback is under way. A client that holds its lock from
-        // before this call keeps it waiting, and the call returns after the
-        // grace time; one that does not lets it end, and the call returns.
+        // A client that holds its lock across this call keeps the callback waiting until the
+        // grace time ends; one that does not lets it end first.
         if (mode == kFerryEarly) {
             g.changed.wait(lock, [&] { return g.calling > calling; });
             g.changed.wait_for(lock, std::chrono::milliseconds(100),

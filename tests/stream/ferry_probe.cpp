@@ -1,7 +1,5 @@
-// ferry_probe.cpp - loads the delivery service's client library in a fresh
-// process (it is looked for once per process) for the tests, and prints
-// "probe: loaded=L table=NAMES LD_LIBRARY_PATH=PATH" ("<unset>" when unset)
-// after the service's own log lines.
+// ferry_probe.cpp - loads the delivery service's client library in a fresh process and prints
+// "probe: loaded=L table=NAMES LD_LIBRARY_PATH=PATH" ("<unset>" when unset) after its log lines.
 #include <cstdio>
 #include <cstdlib>
 

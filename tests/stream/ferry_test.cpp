@@ -1,15 +1,9 @@
-// The content delivery service client against a stand-in client library
-// (ferry_double.h): the three ways of finding the library, each answer to a
-// download, the wait for the callback, the cached file's path, and type-11
-// streams read end to end. This program links the stand-in in; the probe
-// program finds it by base name or through the configuration file.
-#include <fcntl.h>
-#include <sched.h>
-#include <sys/mount.h>
+// The content delivery service client against a stand-in client library (ferry_double.h): the
+// ways of finding the library, each answer to a download, the wait for the callback, the cached
+// file's path, and type-11 streams. The probe program loads the stand-in in processes of its own.
 #include <sys/socket.h>
 
 #include <atomic>
-#include <cerrno>
 
 #include <gtest/gtest.h>
 
@@ -31,39 +25,36 @@ const std::string kLoaded =
 const std::string kRefused =
     "ferry_load() returned -1.probe: loaded=0 table=-,-,-,-,- LD_LIBRARY_PATH=";
 
-std::string drain(FILE* in) {
+// The output of `command`, standard error included.
+std::string run(const std::string& command) {
+    FILE* in = popen((command + " 2>&1").c_str(), "r");
     std::string text;
     char buf[512];
     for (size_t n; (n = std::fread(buf, 1, sizeof buf, in)) > 0;) text.append(buf, n);
+    pclose(in);
     return text;
 }
 
-// The output of the probe `program` run with LD_LIBRARY_PATH `path` (unset
-// when empty); the service logs on standard error, without newlines.
+// The command running the probe `program` with LD_LIBRARY_PATH `path` (unset when empty); the
+// service logs on standard error, without newlines.
 std::string probe(const std::string& program, const std::string& path) {
-    FILE* in = popen(("env -u LD_LIBRARY_PATH " +
-                      (path.empty() ? "" : "LD_LIBRARY_PATH=" + path + " ") + program + " 2>&1")
-                         .c_str(),
-                     "r");
-    const std::string text = drain(in);
-    pclose(in);
-    return text;
+    return "env -u LD_LIBRARY_PATH " + (path.empty() ? "" : "LD_LIBRARY_PATH=" + path + " ") +
+           program;
 }
 
 TEST(FerryLoad, LinkedInOrByBaseName) {
     ferry_init();
     EXPECT_EQ(ferry_loaded, 1);
     EXPECT_EQ(ferry_double_table(), kTable);
-    EXPECT_NE(probe(FERRY_PROBE, FERRY_DOUBLE_DIR).find(kLoaded + FERRY_DOUBLE_DIR "\n"),
+    EXPECT_NE(run(probe(FERRY_PROBE, FERRY_DOUBLE_DIR)).find(kLoaded + FERRY_DOUBLE_DIR "\n"),
               std::string::npos);
     // A library lacking "ReleaseFile" is refused whole.
-    EXPECT_NE(probe(FERRY_PROBE, FERRY_INCOMPLETE_DIR).find(kRefused + FERRY_INCOMPLETE_DIR),
+    EXPECT_NE(run(probe(FERRY_PROBE, FERRY_INCOMPLETE_DIR)).find(kRefused + FERRY_INCOMPLETE_DIR),
               std::string::npos);
 }
 
-// "/tmp/ferry.cfg" is a fixed path: each case runs in a child with a private
-// mount namespace and an empty /tmp of its own, reaching the probe and the
-// library through descriptors opened before (the build may lie under /tmp).
+// "/tmp/ferry.cfg" is a fixed path: each case runs the probe in a private mount namespace with
+// an empty /tmp, reaching the probe and the library through descriptors opened before.
 TEST(FerryLoad, ThroughTheServiceConfigurationFile) {
     const bool had_config = fs::exists("/tmp/ferry.cfg");
     const std::string good = "# the service\nClassPath = /tmp/svc/lib/Larder.jar:/x.jar\n";
@@ -80,39 +71,15 @@ TEST(FerryLoad, ThroughTheServiceConfigurationFile) {
         {good.c_str(), "/opt/none", kLoaded + "/opt/none:" + dir + "\n"},
     };
     for (const auto& c : cases) {
-        int out[2];
-        ASSERT_EQ(pipe(out), 0);
-        const int program = open(FERRY_PROBE, O_RDONLY);
-        const int library = open(FERRY_DOUBLE_DIR "/libFerryClient.so", O_RDONLY);
-        const auto fd = [](int n) { return "/proc/self/fd/" + std::to_string(n); };
-        std::fflush(nullptr);
-        const pid_t pid = fork();
-        if (pid == 0) {
-            std::string text = "skip: ";
-            if (unshare(CLONE_NEWNS) != 0 ||
-                mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-                mount("tmpfs", "/tmp", "tmpfs", 0, "size=16m") != 0) {
-                text += std::strerror(errno);
-            } else {
-                fs::create_directories("/tmp/svc/lib");
-                fs::create_directories("/tmp/svc/ferry");
-                fs::copy_file(fd(library), "/tmp/svc/ferry/libFerryClient.so");
-                if (c.config != nullptr) write_file("/tmp/ferry.cfg", c.config);
-                text = probe(fd(program), c.path);
-            }
-            (void)!write(out[1], text.data(), text.size());
-            _exit(0);
-        }
-        close(out[1]);
-        close(program);
-        close(library);
-        FILE* in = fdopen(out[0], "r");
-        const std::string text = drain(in);
-        std::fclose(in);
-        reap(pid);
-        if (text.rfind("skip: ", 0) == 0) {
-            GTEST_SKIP() << "a private mount namespace needs CAP_SYS_ADMIN: " << text.substr(6);
-        }
+        const std::string text = run(
+            "unshare -m sh -c 'exec 3<" FERRY_PROBE " 4<" FERRY_DOUBLE_DIR
+            "/libFerryClient.so && "
+            "mount -t tmpfs -o size=16m tmpfs /tmp && mkdir -p /tmp/svc/lib /tmp/svc/ferry && "
+            "cp /proc/self/fd/4 /tmp/svc/ferry/libFerryClient.so && " +
+            (c.config ? "printf %s \"" + std::string(c.config) + "\" >/tmp/ferry.cfg && " : "") +
+            probe("/proc/self/fd/3", c.path) + "'");
+        if (text.rfind("unshare:", 0) == 0 || text.rfind("mount:", 0) == 0)
+            GTEST_SKIP() << "a private mount namespace is not permitted here: " << text;
         EXPECT_NE(text.find(c.expected), std::string::npos) << text;
     }
     EXPECT_EQ(fs::exists("/tmp/ferry.cfg"), had_config) << "the machine's /tmp was touched";
@@ -131,14 +98,15 @@ class FerryDownload : public ::testing::Test {
     FerryDownload() {
         ferry_init();  // the stand-in is linked in
         fs::create_directories(server);
-        // Slow downloads go on once the wait has begun; a lost callback shows
-        // as message 204 after three long rounds rather than as a hang.
+        // Slow downloads go on once the wait has begun; a lost callback shows as message 204
+        // after three long rounds rather than as a hang.
         ferry_set_wait_hook([](uint32_t round) {
             if (round == 0) ferry_double_release();
             return round < 3 ? 20000 : 0;
         });
     }
     ~FerryDownload() override {
+        if (peer != nullptr) fanout_ipc_set(nullptr), fanout_channel_close(peer);
         ferry_double_reset();
         ferry_set_wait_hook(nullptr);
         properties_list_delete(toc);
@@ -162,6 +130,14 @@ class FerryDownload : public ::testing::Test {
     std::string get(uint32_t i, const char* key) const {
         return properties_get_string2(&toc->buffer[i], key, "");
     }
+    // Makes a socket pair the process's channel, `peer` its far end.
+    void attach_peer() {
+        int sv[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+        fanout_ipc_attach(sv[1], 0);
+        peer = fanout_channel_attach(sv[0], 0, "test peer");
+    }
+    FanoutChannel* peer = nullptr;
     static std::string journal() {
         char buf[1024];
         ferry_double_journal(buf, sizeof buf);
@@ -169,9 +145,8 @@ class FerryDownload : public ::testing::Test {
     }
 };
 
-// The library's answer to "DownloadFile" and what follows: the fetched file
-// in the state's list and the segment, or the message raised; every handle
-// is given back.
+// The library's answer to "DownloadFile" and what follows: the fetched file in the state's list
+// and the segment, or the message raised; every handle is given back.
 struct Answer {
     int mode;
     int32_t deferred;               // "ferry_deferred", 0 for none
@@ -229,11 +204,9 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         Answer{kFerryComplete, 0, 0, {"/h1/p"}, "0#1;ReleaseFile(1)=0;"},
         Answer{kFerrySlow, 0, 0, {"/h1/p"}, "0#1;ReleaseFile(1)=0;"},
-        // The callback comes before the wait begins.
         Answer{kFerryEarly, 0, 0, {"/h1/p"}, "0#1;ReleaseFile(1)=0;"},
         Answer{kFerryAtOnce, 0, 0, {"/h1/p"}, "16#1;ReleaseFile(1)=0;"},
-        // After a bad status the reader takes what the cache
-        // holds: nothing at the reported path, so the rebuilt one.
+        // After a bad status: nothing at the reported path, so the rebuilt one.
         Answer{kFerryBadStatus, 0, 0, {"/cache/files/1/p-1"}, "0#1;ReleaseFile(1)=0;"},
         Answer{kFerryBusy, 0, 206, {"p", "300"}, "5#1;ReleaseFile(1)=0;"},
         Answer{kFerryBusy, 60, 206, {"p", "60"}, "5#1;ReleaseFile(1)=0;"},
@@ -244,23 +217,16 @@ TEST_F(FerryDownload, PasswordReachesTheLibraryButNeverTheLog) {
     Properties* segment = add("p");
     properties_put_string_dup(segment, SEGMENT_FERRY_USERNAME, "ann");
     properties_put_string_dup(segment, SEGMENT_FERRY_PASSWORD, "s3cret");
-    std::fflush(stderr);
-    const int saved = dup(2), log = open((scratch / "log").c_str(), O_CREAT | O_WRONLY, 0600);
-    dup2(log, 2);
-    const int32_t rc = ferry_download_next(toc, &state, nullptr);
-    dup2(saved, 2);
-    close(saved);
-    close(log);
-    EXPECT_EQ(rc, 0);
-    const std::string text = read_file(scratch / "log");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(ferry_download_next(toc, &state, nullptr), 0);
+    const std::string text = testing::internal::GetCapturedStderr();
     EXPECT_NE(text.find(", " + cache + ", ann, <\?\?\?\?>, "), std::string::npos) << text;
     EXPECT_EQ(text.find("s3cret"), std::string::npos);
     EXPECT_EQ(journal(), "DownloadFile(p,ann,s3cret)=0#1;ReleaseFile(1)=0;");
 }
 
-// A download never called back ends with message 204 after 1080 rounds, or
-// with a stop command that comes while it is waited for. Either way it stays
-// pending (the handle is not given back) and its segment counts as fetched.
+// A download never called back ends with message 204 after 1080 rounds, or with a stop that
+// comes while it is waited for; either way it stays pending and its segment counts as fetched.
 std::atomic<uint32_t> g_rounds{0};
 FanoutChannel* g_peer = nullptr;
 uint8_t g_stop = 0;
@@ -268,10 +234,8 @@ uint8_t g_stop = 0;
 class FerryUnanswered : public FerryDownload, public ::testing::WithParamInterface<uint8_t> {};
 
 TEST_P(FerryUnanswered, EndsByTheLimitOrAStop) {
-    int sv[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-    fanout_ipc_attach(sv[1], 0);
-    g_peer = fanout_channel_attach(sv[0], 0, "test peer");
+    attach_peer();
+    g_peer = peer;
     g_stop = GetParam();
     g_rounds = 0;
     add("p");
@@ -294,15 +258,13 @@ TEST_P(FerryUnanswered, EndsByTheLimitOrAStop) {
     EXPECT_EQ(journal(), "DownloadFile(p,-,-)=0#1;");
     EXPECT_EQ(state.next_segment, 1u);
     EXPECT_EQ(state.cursor, nullptr);
-    fanout_ipc_set(nullptr);
-    fanout_channel_close(g_peer);
 }
 
 INSTANTIATE_TEST_SUITE_P(Ends, FerryUnanswered,
                          ::testing::Values(0, FANOUT_STATUS_CANCEL, FANOUT_STATUS_PAUSE));
 
-// The library's path when it exists; else, with two "/" or more, that path
-// two levels up with "/cache/files/1/<package>-1", cut to its length + 100.
+// The library's path when it exists; else, with two "/" or more, that path two levels up with
+// "/cache/files/1/<package>-1", cut to its length + 100.
 TEST_F(FerryDownload, ActualPathOfTheCachedFile) {
     const std::string here = scratch / "here", q(150, 'q');
     write_file(here, "x");
@@ -327,8 +289,8 @@ TEST_F(FerryDownload, ActualPathOfTheCachedFile) {
     }
 }
 
-// The state's list is one block: names not yet taken move into a new one,
-// and a cursor set while the list is null is adopted.
+// The state's list is one block: names not yet taken move into a new one, and a cursor set
+// while the list is null is adopted.
 TEST_F(FerryDownload, StateListOwnsEveryName) {
     for (const char* p : {"a", "b", "c", "d", "e"}) add(p, 1);
     const auto next = [&] {
@@ -357,27 +319,41 @@ TEST_F(FerryDownload, Type11StreamReadsEveryPackageThroughTheCache) {
     add("late", 1);
     ferry_double_mode("now", kFerryAtOnce);
     ferry_double_mode("late", kFerryEarly);
-    uint8_t octets[3] = {11, 0, 0};
-    StreamKey key{3, 3, octets};
-    NetStream* s = net_stream_open(&key);
+    NetStream* s = open_stream(11);
     ASSERT_NE(s, nullptr);
     s->toc = properties_list_clone(toc);
-    for (const char* p : {"big", "now", "late"}) {
-        std::string bytes;
-        void* data = nullptr;
-        int32_t n;
-        while ((n = net_stream_read(s, &data)) > 0) {
-            bytes.append(static_cast<char*>(data), n);
-            net_stream_free_buffer(s, data);
-        }
-        EXPECT_EQ(n, 0);
-        EXPECT_EQ(bytes, read_file(server + "/" + p)) << p;
+    for (const char* p : {"big", "now", "late", ""}) {
+        int32_t last = -1;
+        EXPECT_EQ(read_segment(s, &last), *p ? read_file(server + "/" + p) : "") << p;
+        EXPECT_EQ(last, 0);
     }
-    void* data = nullptr;
-    EXPECT_EQ(net_stream_read(s, &data), 0) << "all fetched";
     EXPECT_EQ(journal(),
               "DownloadFile(big,-,-)=0#1;ReleaseFile(1)=0;DownloadFile(now,-,-)=16#2;"
               "ReleaseFile(2)=0;DownloadFile(late,-,-)=0#3;ReleaseFile(3)=0;");
+    net_stream_close(s);
+}
+
+// A size of 0 is asked of the service, which also fetches each package into its cache (the
+// stream's reads still start afresh); a failed query raises 203, and a pause that arrives while
+// a download is awaited raises 211.
+TEST_F(FerryDownload, Type11SizesAndStops) {
+    add("p1", 3000);
+    properties_put_long_dup(add("p2", 10), SEGMENT_SIZE_KEY, 10);
+    NetStream* s = open_stream(11);
+    net_stream_get_size(s, toc);
+    EXPECT_EQ(properties_get_long2(&toc->buffer[0], SEGMENT_SIZE_KEY, -1), 3000);
+    EXPECT_EQ(read_file(get(0, SEGMENT_DATA_PATH_KEY)), read_file(server + "/p1"));
+    EXPECT_NE(get(1, SEGMENT_DATA_PATH_KEY), "");
+    EXPECT_EQ(journal().find("GetSingleFileSize(p2)"), std::string::npos);
+    EXPECT_EQ(static_cast<FileList*>(s->source)->next_segment, 0u);
+
+    properties_put_long_dup(&toc->buffer[0], SEGMENT_SIZE_KEY, 0);
+    ferry_double_mode("p1", kFerryFails);
+    EXPECT_RAISES(net_stream_get_size(s, toc), 203, {"GetSingleFileSize", "0", "7"});
+    ferry_double_mode("p1", kFerrySilent);
+    attach_peer();
+    fanout_peer_send_control(peer, FANOUT_STATUS_PAUSE);
+    EXPECT_RAISES(net_stream_get_size(s, toc), 211, {"p1", "PAUSE"});
     net_stream_close(s);
 }
 

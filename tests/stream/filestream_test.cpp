@@ -1,5 +1,5 @@
-// File streams: keys, the file list, reads that skip complete segments and
-// resume at checkpoints, and the type-4 write.
+// File streams: keys, the file list, reads that skip complete segments and resume at
+// checkpoints, and the type-4 write.
 #include <sys/stat.h>
 
 #include <gtest/gtest.h>
@@ -10,10 +10,6 @@
 using namespace stream_test;
 
 namespace {
-
-std::string key_octets(const StreamKey* k) {
-    return std::string(reinterpret_cast<const char*>(k->buffer), k->length);
-}
 
 TEST(FileStreamKey, LayoutAndTheLostMobileFlag) {
     struct Case {
@@ -27,7 +23,7 @@ TEST(FileStreamKey, LayoutAndTheLostMobileFlag) {
         {file_stream_key_new(1, 0), std::string("\4\0\0", 3), 0},
     };
     for (auto& c : cases) {
-        EXPECT_EQ(key_octets(c.key), c.octets);
+        EXPECT_EQ(std::string(reinterpret_cast<char*>(c.key->buffer), c.key->length), c.octets);
         EXPECT_EQ(c.key->buffer[c.key->length], 0) << "one zeroed octet beyond the length";
         EXPECT_EQ(is_mobile_ep(c.key), c.mobile);
         EXPECT_EQ(stream_key_get_data(c.key), c.key->buffer + 3);
@@ -36,150 +32,100 @@ TEST(FileStreamKey, LayoutAndTheLostMobileFlag) {
     StreamKey* net = make_key(2, 1, "D");
     EXPECT_EQ(stream_key_get_data(net), net->buffer + 2) << "other types: data start at the flag";
     stream_key_delete(net);
-}
-
-TEST(FileStreamKey, InvalidTypesOpenNothing) {
-    for (uint8_t type : {0, 5, 12, 200}) {
-        StreamKey* key = make_key(type, 0, "x");
-        EXPECT_EQ(net_stream_open(key), nullptr) << int(type);
-        stream_key_delete(key);
-    }
+    for (uint8_t type : {0, 5, 12, 200}) EXPECT_EQ(open_stream(type, 0, "x"), nullptr) << +type;
     StreamKey shortkey{2, 2, reinterpret_cast<uint8_t*>(const_cast<char*>("\2\0"))};
     EXPECT_EQ(net_stream_open(&shortkey), nullptr);
 }
 
-TEST(FileList, NextFileAndAppend) {
-    char* list = append_file(nullptr, "x");
-    FileList one{list, list, nullptr, 0};
-    EXPECT_STREQ(get_next_file(&one), "x");
-    EXPECT_EQ(get_next_file(&one), nullptr);
-    EXPECT_EQ(get_next_file(&one), nullptr);
-    list = append_file(list, "y");
-    EXPECT_STREQ(list, "x,y");
-    mg_free(list);
-}
-
-// Reads a stream to its end, one segment per 0 result, for `segments`
-// segments; returns the bytes of each.
-std::vector<std::string> read_segments(NetStream* s, int segments) {
-    std::vector<std::string> out;
-    for (int i = 0; i < segments; ++i) {
-        std::string bytes;
-        void* data = nullptr;
-        int32_t n;
-        while ((n = net_stream_read(s, &data)) > 0) {
-            bytes.append(static_cast<char*>(data), n);
-            net_stream_free_buffer(s, data);
-        }
-        EXPECT_EQ(n, 0);
-        EXPECT_EQ(data, nullptr);
-        out.push_back(bytes);
+// A file stream over `key` (taken), closed and deleted at the end.
+struct FileStream {
+    StreamKey* key;
+    NetStream* s = net_stream_open(key);
+    ~FileStream() {
+        net_stream_close(s);
+        stream_key_delete(key);
     }
-    return out;
-}
+    std::string read() {
+        int32_t last = -1;
+        std::string bytes = read_segment(s, &last);
+        EXPECT_EQ(last, 0);
+        return bytes;
+    }
+};
 
 TEST(FileStreamRead, SkipsCompleteSegmentsAndResumesAtCheckpoints) {
     ScratchDir dir;
     const std::string a = pattern(40000, 1), c = pattern(3000, 3);
     write_file(dir / "a", a);
     write_file(dir / "c", c);
-    StreamKey* key = file_stream_key_new(0, 4, (dir / "a").c_str(), (dir / "b").c_str(),
-                                         (dir / "c").c_str(), (dir / "z").c_str());
-    NetStream* s = net_stream_open(key);
-    ASSERT_TRUE(s);
-    s->toc = make_toc({{"a", dir / "a", 40000, 0},
-                       {"b", dir / "b", 5000, 5000},  // complete: skipped unopened
-                       {"c", dir / "c", 3000, 1000}});
+    FileStream f{file_stream_key_new(0, 4, (dir / "a").c_str(), (dir / "b").c_str(),
+                                     (dir / "c").c_str(), (dir / "z").c_str())};
+    ASSERT_TRUE(f.s);
     // "b" does not exist: opening it would raise.
-    auto got = read_segments(s, 3);
-    EXPECT_EQ(got[0], a);
-    EXPECT_EQ(got[1], c.substr(1000));
-    EXPECT_EQ(got[2], "") << "a name without a segment ends the read unopened";
-    void* data = nullptr;
-    EXPECT_EQ(net_stream_read(s, &data), 0) << "the list is used up";
-    net_stream_close(s);
-    stream_key_delete(key);
+    f.s->toc = make_toc(
+        {{"a", dir / "a", 40000, 0}, {"b", dir / "b", 5000, 5000}, {"c", dir / "c", 3000, 1000}});
+    EXPECT_EQ(f.read(), a);
+    EXPECT_EQ(f.read(), c.substr(1000));
+    EXPECT_EQ(f.read(), "") << "a name without a segment ends the read unopened";
+    EXPECT_EQ(f.read(), "") << "the list is used up";
 }
 
-// A mobile endpoint's progress counts the bytes read from local files, whole
-// (a local block has no status octet to leave out).
-TEST(FileStreamRead, MobileProgressCountsEveryByteRead) {
-    WorkDir work;
-    struct Back {
-        fs::path to = fs::current_path();
-        ~Back() { fs::current_path(to); }
-    } back;
-    fs::current_path(work.path());  // the key's path is the distribution id: "a"
-    const std::string bytes = pattern(40000, 5);
-    write_file("a", bytes);
-    StreamKey* key = file_stream_key_new(1, 1, "a");
-    NetStream* s = net_stream_open(key);
-    ASSERT_TRUE(s);
-    s->toc = make_toc({{"a", "a", 40000, 0}});
-    EXPECT_EQ(read_segments(s, 1)[0], bytes);
-    auto progress = load_progress(work / "mstat/a.mds");
-    net_stream_close(s);
-    stream_key_delete(key);
-    ASSERT_TRUE(progress);
-    EXPECT_STREQ(progress->str("c_len"), "40000\n");
-}
-
+// Without a table of contents listed files are read whole; a missing one raises 11.
 TEST(FileStreamRead, WithoutTableOfContentsReadsListedFilesWhole) {
     ScratchDir dir;
     write_file(dir / "one", pattern(20000, 4));
     write_file(dir / "two", "");
-    StreamKey* key = file_stream_key_new(0, 2, (dir / "one").c_str(), (dir / "two").c_str());
-    NetStream* s = net_stream_open(key);
-    auto got = read_segments(s, 2);
-    EXPECT_EQ(got[0], pattern(20000, 4));
-    EXPECT_EQ(got[1], "");
-    net_stream_close(s);
-    stream_key_delete(key);
+    FileStream f{file_stream_key_new(0, 3, (dir / "one").c_str(), (dir / "two").c_str(),
+                                     (dir / "gone").c_str())};
+    EXPECT_EQ(f.read(), pattern(20000, 4));
+    EXPECT_EQ(f.read(), "");
+    void* data = nullptr;
+    EXPECT_RAISES(net_stream_read(f.s, &data), 11, {dir / "gone"});
 }
 
-TEST(FileStreamRead, MissingFileRaisesTheFileMessage) {
-    ScratchDir dir;
-    StreamKey* key = file_stream_key_new(0, 1, (dir / "gone").c_str());
-    NetStream* s = net_stream_open(key);
-    void* data = nullptr;
-    EXPECT_RAISES(net_stream_read(s, &data), 11, {dir / "gone"});
-    net_stream_close(s);
-    stream_key_delete(key);
+// A mobile endpoint's progress counts the bytes read from local files, whole (a local block
+// has no status octet to leave out).
+TEST(FileStreamRead, MobileProgressCountsEveryByteRead) {
+    WorkDir work;
+    const fs::path back = fs::current_path();
+    fs::current_path(work.path());  // the key's path is the distribution id: "a"
+    const std::string bytes = pattern(40000, 5);
+    write_file("a", bytes);
+    std::unique_ptr<Progress> progress;
+    {
+        FileStream f{file_stream_key_new(1, 1, "a")};
+        f.s->toc = make_toc({{"a", "a", 40000, 0}});
+        EXPECT_EQ(f.read(), bytes);
+        progress = load_progress(work / "mstat/a.mds");  // before the close writes it
+    }
+    fs::current_path(back);
+    ASSERT_TRUE(progress);
+    EXPECT_STREQ(progress->str("c_len"), "40000\n");
 }
 
 TEST(FileStreamWrite, WritesCurrentFileIntoWorkDirectoryInBlocks) {
     WorkDir work;
-    StreamKey* key = file_stream_key_new(0, 1, "/elsewhere/out.bin");
-    NetStream* s = net_stream_open(key);
-    ASSERT_EQ(net_stream_write_begin(s), 0);
+    FileStream f{file_stream_key_new(0, 1, "/elsewhere/out.bin")};
+    ASSERT_EQ(net_stream_write_begin(f.s), 0);
     const std::string bytes = pattern(40000, 5);
-    EXPECT_EQ(net_stream_write(s, bytes.data(), 30000), 30000);
-    EXPECT_EQ(s->fill, 30000u - 16384u);
-    EXPECT_EQ(net_stream_write(s, bytes.data() + 30000, 10000), 10000);
-    EXPECT_EQ(net_stream_write(s, bytes.data(), 0), 0);
-    EXPECT_EQ(net_stream_write_end(s), 0);
+    EXPECT_EQ(net_stream_write(f.s, bytes.data(), 30000), 30000);
+    EXPECT_EQ(f.s->fill, 30000u - 16384u);
+    EXPECT_EQ(net_stream_write(f.s, bytes.data() + 30000, 10000), 10000);
+    EXPECT_EQ(net_stream_write(f.s, bytes.data(), 0), 0);
+    EXPECT_EQ(net_stream_write_end(f.s), 0);
     const std::string out = work / "fanout/out.bin";
     EXPECT_EQ(read_file(out), bytes);
     struct stat st {};
     stat(out.c_str(), &st);
     EXPECT_EQ(st.st_mode & 0777, 0400u);
-    net_stream_close(s);
-    stream_key_delete(key);
-}
-
-TEST(FileStreamWrite, FailureToCreateGivesMinusOne) {
-    WorkDir work;
-    fs::create_directories(work / "fanout/out.bin");  // a directory where the file goes
-    StreamKey* key = file_stream_key_new(0, 1, "out.bin");
-    NetStream* s = net_stream_open(key);
-    EXPECT_EQ(net_stream_write_begin(s), -1);
-    net_stream_close(s);
-    stream_key_delete(key);
+    // A directory where the file goes: the write cannot begin.
+    fs::create_directories(work / "fanout/dir.bin");
+    FileStream blocked{file_stream_key_new(0, 1, "dir.bin")};
+    EXPECT_EQ(net_stream_write_begin(blocked.s), -1);
 }
 
 TEST(NetStreamClose, TypeThreeRaisesAndIsReleasedSeparately) {
-    StreamKey* key = make_key(3, 0, "");
-    NetStream* s = net_stream_open(key);
+    NetStream* s = open_stream(3);
     ASSERT_TRUE(s);
     EXPECT_EQ(s->block_size, 0);
     void* data = reinterpret_cast<void*>(1);
@@ -187,7 +133,6 @@ TEST(NetStreamClose, TypeThreeRaisesAndIsReleasedSeparately) {
     EXPECT_EQ(data, nullptr);
     EXPECT_RAISES(net_stream_close(s), 30, {"3"});
     net_stream_release(s);
-    stream_key_delete(key);
 }
 
 }  // namespace

@@ -1,12 +1,7 @@
-// golden_test.cpp - the bytes of what the system writes down or sends,
-// compared with golden copies under tests/golden/: a property list in each of
-// the three file layouts, an encoded message, a Depot entry file and a
-// progress file. The copies were written by an x86-64 build; every build
-// (the 32-bit one included) must produce them byte for byte, since files and
-// messages pass between machines of either kind.
-//
-// A deliberate change of a format rewrites them, from a 64-bit build:
-//   FANOUT_WRITE_GOLDEN=1 ctest --preset dev -R Golden
+// golden_test.cpp - what the system writes down or sends (a property list in each file layout,
+// an encoded message, a Depot entry file, a progress file) compared byte for byte with the copies
+// under tests/golden/, which every build, 32-bit included, must reproduce. A deliberate format
+// change rewrites them from a 64-bit build: FANOUT_WRITE_GOLDEN=1 ctest --preset dev -R Golden
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -23,8 +18,7 @@ using namespace stream_test;
 
 const bool kInitialised = (fanout_init(), true);
 
-// Compares `bytes` with the golden file `name`; writes the file instead when
-// FANOUT_WRITE_GOLDEN=1 (64-bit builds only).
+// Compares `bytes` with the golden file `name`, first writing it when FANOUT_WRITE_GOLDEN=1.
 void CheckGolden(const std::string& name, const std::string& bytes) {
     const char* root = std::getenv("FANOUT_SOURCE_DIR");
     ASSERT_NE(root, nullptr) << "FANOUT_SOURCE_DIR names the source tree (ctest sets it)";
@@ -38,9 +32,8 @@ void CheckGolden(const std::string& name, const std::string& bytes) {
     EXPECT_EQ(read_file(path), bytes) << name << " differs from " << path;
 }
 
-// A list that holds every value type, with values that show the widths and
-// the alignment padding (an odd octet count before a long, a negative short,
-// an unsigned long above the signed range).
+// A list holding every value type, with values that show the widths and the alignment padding
+// (an odd octet count before a long, a negative short, an unsigned long above the signed range).
 struct GoldenList {
     Properties list{};
     GoldenList() {
@@ -113,9 +106,8 @@ TEST(Golden, ProgressFile) {
     CheckGolden("progress.mds", read_file(work / "mstat/dist-0001.mds"));
 }
 
-// The entry file holds the data file's full path, which is the scratch
-// directory's: the comparison puts "@DEPOT@" in its place. Nothing else in
-// the file depends on the time or the place (the deadline is the caller's).
+// The entry file holds the data file's full path, in the scratch directory: the comparison puts
+// "@DEPOT@" in its place. Nothing else depends on the time or the place.
 class GoldenDepot : public depot_test::DepotTest {};
 
 TEST_F(GoldenDepot, EntryFileOfACompletedEntry) {

@@ -1,7 +1,6 @@
-// Local sources: the endpoint's depot (a receiving stream turning into a depot
-// stream), directories of table-of-contents files named by the key or by the
-// remote-directory file, the CD-ROM, an image written by fanout-depot, and the
-// sizes a delivery-service stream learns beforehand.
+// Local sources: the endpoint's depot (a receiving stream turning into a depot stream),
+// directories of table-of-contents files named by the key or by the remote-directory file, the
+// CD-ROM, and an image written by fanout-depot.
 #include <sched.h>
 #include <sys/sem.h>
 #include <sys/socket.h>
@@ -16,42 +15,18 @@
 #include "fanout/depot.h"
 #include "fanout/palfile.h"
 #include "stream_support.h"
-#ifdef FANOUT_FERRY_DOUBLE
-#include "ferry_double.h"
-#endif
 #include "util/expect_raise.h"
 
 using namespace stream_test;
 
 namespace {
 
-// One segment: "id^version" (version 1 when absent), its location, size and offset.
-struct Seg {
-    std::string name, location;
-    int32_t size = 0, offset = 0;
-};
 using TocPtr = std::unique_ptr<PropertiesList, decltype(&properties_list_delete)>;
-
-TocPtr toc_of(const std::vector<Seg>& segs) {
-    TocPtr toc(properties_list_new(), &properties_list_delete);
-    for (const auto& s : segs) {
-        const size_t caret = s.name.find('^');
-        Properties p{};
-        properties_put_string_dup(&p, "id", s.name.substr(0, caret).c_str());
-        properties_put_string_dup(&p, "version",
-                                  caret == std::string::npos ? "1" : &s.name[caret + 1]);
-        properties_put_string_dup(&p, "location", s.location.c_str());
-        properties_put_long_dup(&p, "size", s.size);
-        properties_put_long_dup(&p, "offset", s.offset);
-        seq_add(toc.get(), &p, sizeof p);
-    }
-    return toc;
+TocPtr toc_of(const std::vector<SegmentSpec>& segs) {
+    return TocPtr(make_toc(segs, "location"), &properties_list_delete);
 }
 const char* get(const PropertiesList* toc, uint32_t i, const char* key) {
     return properties_get_string2(&toc->buffer[i], key, nullptr);
-}
-void set(PropertiesList* toc, uint32_t i, const char* key, const std::string& value) {
-    properties_put_string_dup(&toc->buffer[i], key, value.c_str());
 }
 
 // A table-of-contents file describing segment `name`, as an image holds it.
@@ -66,33 +41,16 @@ void write_toc_file(const std::string& path, const std::string& name, bool impro
 using StreamPtr = std::unique_ptr<NetStream, decltype(&net_stream_close)>;
 
 // A stream of `type`; mobile, with the key text `mobile_text`, when that is given.
-StreamPtr open_stream(uint8_t type, const std::string& mobile_text = "") {
-    StreamKey* key = make_key(type, mobile_text.empty() ? 0 : 1, mobile_text);
-    StreamPtr s(net_stream_open(key), &net_stream_close);
-    stream_key_delete(key);
-    return s;
+StreamPtr stream(uint8_t type, const std::string& mobile_text = "") {
+    return StreamPtr(open_stream(type, !mobile_text.empty(), mobile_text), &net_stream_close);
 }
 std::string file_list(const NetStream* s) {
     const auto* list = static_cast<const FileList*>(s->source);
     return list != nullptr && list->list != nullptr ? list->list : "<none>";
 }
 
-// Reads `segments` files through the stream, one 0 result ending each.
-std::string read_segments(NetStream* s, uint32_t segments) {
-    std::string out;
-    for (uint32_t k = 0; k < segments; ++k) {
-        void* data = nullptr;
-        int32_t n;
-        for (; (n = net_stream_read(s, &data)) > 0; net_stream_free_buffer(s, data))
-            out.append(static_cast<const char*>(data), static_cast<size_t>(n));
-        EXPECT_EQ(n, 0);
-    }
-    return out;
-}
-
-// Each test runs in its own work directory, also the current directory where
-// the depot's lock files go (fanout-depot makes its own in the depot); their
-// semaphore sets are removed at the end.
+// Each test runs in its own work directory, also the current directory where the depot's lock
+// files go; their semaphore sets are removed at the end.
 class Search : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -143,13 +101,11 @@ class Search : public ::testing::Test {
     char cwd_[PATH_MAX] = {};
 };
 
-// A receiving stream looks in the depot of "depot_dir", else of ZEL_DATDIR's
-// "depot", and in none without a configuration file. With every segment
-// complete there it reads the depot's data files, holding the entries in use
-// until it closes. The first segment without a complete entry ends the search
-// (a later one is not taken), and a data file gone from the depot leaves its
-// segment missing: the stream stays on the network and gives back what it
-// held at close.
+// A receiving stream looks in the depot of "depot_dir", else of ZEL_DATDIR's "depot", and in none
+// without a configuration file. With every segment complete there it reads the depot's data
+// files, holding the entries in use until it closes; the first segment without a complete entry
+// ends the search, and a data file gone leaves its segment missing: the stream stays on the
+// network and gives back what it held at close.
 TEST_F(Search, EndpointDepot) {
     const std::string dir_line = "depot_dir = " + depot_ + "\n", config = work_ / "fanout.cfg";
     struct Case {
@@ -173,7 +129,7 @@ TEST_F(Search, EndpointDepot) {
         if (c.config != nullptr) write_file(config, c.config);
         const EnvOverride cfg("FANOUT_CONFIG", c.config != nullptr ? config.c_str() : nullptr);
         const EnvOverride datdir("ZEL_DATDIR", c.datdir ? work_.path().c_str() : nullptr);
-        StreamPtr s = open_stream(2);
+        StreamPtr s = stream(2);
         EXPECT_RAISES(net_stream_save_modified_toc(s.get(), nullptr), 31, {});
         TocPtr toc = toc_of({{"a", "/src/a"}, {"b", "/src/b"}});
         net_stream_save_modified_toc(s.get(), toc.get());
@@ -187,7 +143,8 @@ TEST_F(Search, EndpointDepot) {
             EXPECT_EQ(file_list(s.get()), look_up("a").second + "," + look_up("b").second);
             EXPECT_EQ(properties_get_long(&s->toc->buffer[1], "size"), 300);
             EXPECT_EQ(get(toc.get(), 0, "dat_file"), nullptr) << "the caller's list is kept";
-            EXPECT_EQ(read_segments(s.get(), 2), pattern(20000, 'a') + pattern(300, 'b'));
+            EXPECT_EQ(read_segment(s.get()), pattern(20000, 'a'));
+            EXPECT_EQ(read_segment(s.get()), pattern(300, 'b'));
         } else {
             EXPECT_EQ(s->source, nullptr);
         }
@@ -197,11 +154,10 @@ TEST_F(Search, EndpointDepot) {
     }
 }
 
-// Directories are searched through their "*.toc" and "*.itc" files, named with
-// or without a trailing separator, passing over a version that differs and a
-// file that does not decode: the key's directory (type 9) and, after the named
-// files, those listed in remote.dir (types 7, 8), needed only while a segment
-// is missing.
+// Directories are searched through their "*.toc" and "*.itc" files, named with or without a
+// trailing separator, passing over a version that differs and a file that does not decode: the
+// key's directory (type 9) and, after the named files, those listed in remote.dir (types 7, 8),
+// needed only while a segment is missing.
 TEST_F(Search, DirectorySources) {
     const std::string dir = work_ / "image", remote = work_ / "remote.dir";
     std::filesystem::create_directory(dir);
@@ -231,12 +187,13 @@ TEST_F(Search, DirectorySources) {
         SCOPED_TRACE(testing::Message() << "case " << &c - cases);
         std::filesystem::remove(remote);
         if (!c.remote_dir.empty()) write_file(remote, c.remote_dir);
-        std::vector<Seg> segs{{"a", "/far/a.dat"}, {"b", "b.dat"}};
+        std::vector<SegmentSpec> segs{{"a", "/far/a.dat"}, {"b", "b.dat"}};
         if (c.other_version) segs.push_back({"c^2", "c.dat"});
         TocPtr toc = toc_of(segs);
         for (uint32_t i = 0; i < c.named; ++i)
-            set(toc.get(), i, "dat_file", dir + "/" + "ab"[i] + ".dat");
-        StreamPtr s = open_stream(c.type, c.key);
+            properties_put_string_dup(&toc->buffer[i], "dat_file",
+                                      (dir + "/" + "ab"[i] + ".dat").c_str());
+        StreamPtr s = stream(c.type, c.key);
         if (c.raised != 0) {
             EXPECT_RAISES(net_stream_save_modified_toc(s.get(), toc.get()), c.raised, {c.args});
             continue;
@@ -249,10 +206,9 @@ TEST_F(Search, DirectorySources) {
 }
 
 #ifdef FANOUT_DEPOT_TOOL
-// The depot tool stores a segment and writes its image; a key-directory stream learns its
-// size, reads it from an offset, and records the totals of a table of contents
-// already complete in its progress file at once. A data file gone between the
-// search and the read fails the read, no more.
+// The depot tool stores a segment and writes its image; a key-directory stream learns its size,
+// reads it from an offset, and records the totals of a table of contents already complete in its
+// progress file at once. A data file gone between the search and the read fails the read.
 TEST_F(Search, DepotToolImageReadThroughKeyDirectory) {
     const std::string source = work_ / "payload.bin", image = work_ / "image";
     const std::string data = pattern(70000, 9), progress = work_ / "mstat/D9.mds";
@@ -260,7 +216,7 @@ TEST_F(Search, DepotToolImageReadThroughKeyDirectory) {
     const std::string tool = std::string(FANOUT_DEPOT_TOOL) + " " + depot_;
     ASSERT_EQ(std::system((tool + " add 'pay^7' " + source).c_str()), 0);
     ASSERT_EQ(std::system((tool + " image 'pay^7' " + source + " " + image).c_str()), 0);
-    StreamPtr s = open_stream(9, "D9," + image);
+    StreamPtr s = stream(9, "D9," + image);
     TocPtr sized = toc_of({{"pay^7", source}});
     net_stream_get_size(s.get(), sized.get());
     EXPECT_EQ(properties_get_long(&sized->buffer[0], "size"), 70000);
@@ -269,7 +225,7 @@ TEST_F(Search, DepotToolImageReadThroughKeyDirectory) {
     net_stream_save_modified_toc(s.get(), partial.get());
     EXPECT_STREQ(get(s->toc, 0, "data_path"), (image + "/payload.bin").c_str());
     EXPECT_FALSE(std::filesystem::exists(progress)) << "left to the reads";
-    EXPECT_EQ(read_segments(s.get(), 1), data.substr(100));
+    EXPECT_EQ(read_segment(s.get()), data.substr(100));
     net_stream_save_modified_toc(s.get(), toc_of({{"pay^7", source, 70000, 70000}}).get());
     auto p = load_progress(progress);
     ASSERT_NE(p, nullptr);
@@ -283,56 +239,8 @@ TEST_F(Search, DepotToolImageReadThroughKeyDirectory) {
 }
 #endif
 
-#ifdef FANOUT_FERRY_DOUBLE
-// Type 11: a size of 0 is asked of the delivery service, which also fetches
-// each package into its cache (the stream's reads still start afresh); a
-// failed size query raises 203, and a pause that arrives while a download is
-// awaited raises 211.
-TEST_F(Search, DeliveryServiceSizesAndStops) {
-    const std::string server = work_ / "server", cache = work_ / "cache";
-    for (const auto& d : {server, cache}) std::filesystem::create_directories(d);
-    write_file(server + "/p1", pattern(3000, 4));
-    write_file(server + "/p2", "0123456789");
-    auto toc_for = [&](const std::vector<Seg>& segs) {
-        TocPtr toc = toc_of(segs);
-        for (uint32_t i = 0; i < toc->length; ++i) {
-            set(toc.get(), i, "ferry_manager", server);
-            set(toc.get(), i, "ferry_packageid", segs[i].name);
-            set(toc.get(), i, "ferry_destination", cache);
-        }
-        return toc;
-    };
-    ferry_double_reset();
-    StreamPtr s = open_stream(11);
-    TocPtr toc = toc_for({{"p1", ""}, {"p2", "", 10}});
-    net_stream_get_size(s.get(), toc.get());
-    EXPECT_EQ(properties_get_long(&toc->buffer[0], "size"), 3000);
-    EXPECT_EQ(read_file(get(toc.get(), 0, "data_path")), pattern(3000, 4));
-    EXPECT_NE(get(toc.get(), 1, "data_path"), nullptr);
-    char journal[1024];
-    ferry_double_journal(journal, sizeof journal);
-    EXPECT_EQ(std::string(journal).find("GetSingleFileSize(p2)"), std::string::npos);
-    EXPECT_EQ(static_cast<FileList*>(s->source)->next_segment, 0u);
-
-    ferry_double_mode("p1", kFerryFails);
-    EXPECT_RAISES(net_stream_get_size(s.get(), toc_for({{"p1", ""}}).get()), 203,
-                  {"GetSingleFileSize", "0", "7"});
-    ferry_double_mode("p2", kFerrySilent);
-    int sv[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-    fanout_ipc_attach(sv[0], 0);
-    FanoutChannel* peer = fanout_channel_attach(sv[1], 0, "peer");
-    fanout_peer_send_control(peer, FANOUT_STATUS_PAUSE);
-    EXPECT_RAISES(net_stream_get_size(s.get(), toc_for({{"p2", "", 10}}).get()), 211,
-                  {"p2", "PAUSE"});
-    fanout_ipc_set(nullptr);
-    fanout_channel_close(peer);
-    ferry_double_reset();
-}
-#endif
-
-// "/cdrom" is a fixed path: a type-6 stream searches it in a child whose root
-// is a scratch directory (inside a user namespace when not privileged).
+// "/cdrom" is a fixed path: a type-6 stream searches it in a child whose root is a scratch
+// directory (inside a user namespace when not privileged).
 TEST_F(Search, CdromInPrivateView) {
     const std::string root = work_ / "root";
     std::filesystem::create_directories(root + "/cdrom");
@@ -341,7 +249,7 @@ TEST_F(Search, CdromInPrivateView) {
     const int status = reap(spawn([&] {
         if (chroot(root.c_str()) != 0 && (unshare(CLONE_NEWUSER) != 0 || chroot(root.c_str()) != 0))
             _exit(77);
-        StreamPtr s = open_stream(6);
+        StreamPtr s = stream(6);
         net_stream_save_modified_toc(s.get(), toc_of({{"s", "/made/s.dat"}}).get());
         return file_list(s.get()) == "/cdrom/s.dat";
     }));

@@ -1,6 +1,6 @@
-// stream_support.h - what the stream tests share: a scratch directory that is
-// also the work directory, environment overrides undone at the end, a child
-// process that reports through its exit status, and progress-file reading.
+// stream_support.h - what the stream tests share: scratch and work directories, environment
+// overrides, forked children that report through their exit status, keys, tables of contents,
+// reads and progress files.
 #pragma once
 
 #include <sys/wait.h>
@@ -12,8 +12,10 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -59,8 +61,8 @@ class ScratchDir {
     std::string path_;
 };
 
-// A scratch directory that is the work directory (progress files go to its
-// "mstat", type-4 output to its "fanout").
+// A scratch directory that is the work directory (progress files go to its "mstat", type-4
+// output to its "fanout").
 struct WorkDir : ScratchDir {
     EnvOverride env{"FANOUT_WORK_DIR", path().c_str()};
 };
@@ -85,8 +87,8 @@ inline std::string pattern(size_t n, unsigned seed = 1) {
     return s;
 }
 
-// Runs `body` in a forked child; the child's exit status is 0 when the body
-// returned true, 1 when false, 2 when it raised. Returns the pid.
+// Runs `body` in a forked child whose exit status is 0 when it returned true, 1 when false, 2
+// when it raised. Returns the pid.
 inline pid_t spawn(const std::function<bool()>& body) {
     pid_t pid = fork();
     if (pid == 0) {
@@ -107,7 +109,7 @@ inline int reap(pid_t pid) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// The properties of a progress file, or nullopt when there is none.
+// The properties of a progress file (null when there is none).
 struct Progress {
     Properties props{};
     ~Progress() { kel_free_generic(&props, TC_Kel_Fanout2_Properties); }
@@ -122,19 +124,23 @@ inline std::unique_ptr<Progress> load_progress(const std::string& path) {
     return p;
 }
 
-// A table of contents: one segment per (id, data_path, size, offset).
+// A table of contents: one segment per (id, path, size, offset), "id^v" giving version v (else
+// 1) and the path going under `path_key`.
 struct SegmentSpec {
     std::string id, path;
-    int32_t size, offset;
+    int32_t size = 0, offset = 0;
 };
 
-inline PropertiesList* make_toc(const std::vector<SegmentSpec>& segments) {
+inline PropertiesList* make_toc(const std::vector<SegmentSpec>& segments,
+                                const char* path_key = "data_path") {
     PropertiesList* toc = properties_list_new();
     for (const auto& s : segments) {
+        const size_t caret = s.id.find('^');
         Properties p{};
-        properties_put_string_dup(&p, "id", s.id.c_str());
-        properties_put_string_dup(&p, "version", "1");
-        properties_put_string_dup(&p, "data_path", s.path.c_str());
+        properties_put_string_dup(&p, "id", s.id.substr(0, caret).c_str());
+        properties_put_string_dup(&p, "version",
+                                  caret == std::string::npos ? "1" : &s.id[caret + 1]);
+        properties_put_string_dup(&p, path_key, s.path.c_str());
         properties_put_long_dup(&p, "size", s.size);
         properties_put_long_dup(&p, "offset", s.offset);
         seq_add(toc, &p, sizeof p);
@@ -151,6 +157,26 @@ inline StreamKey* make_key(uint8_t type, uint8_t mobile, const std::string& text
     key->buffer[2] = mobile;
     std::memcpy(key->buffer + 3, text.data(), text.size());
     return key;
+}
+
+// A stream opened over make_key(type, mobile, text).
+inline NetStream* open_stream(uint8_t type, uint8_t mobile = 0, const std::string& text = "") {
+    StreamKey* key = make_key(type, mobile, text);
+    NetStream* s = net_stream_open(key);
+    stream_key_delete(key);
+    return s;
+}
+
+// Reads until a result of 0 or less (a segment's end or a stop), which goes to *last; returns
+// the bytes read.
+inline std::string read_segment(NetStream* s, int32_t* last = nullptr) {
+    std::string bytes;
+    void* data = nullptr;
+    int32_t n;
+    for (; (n = net_stream_read(s, &data)) > 0; net_stream_free_buffer(s, data))
+        bytes.append(static_cast<const char*>(data), static_cast<size_t>(n));
+    if (last != nullptr) *last = n;
+    return bytes;
 }
 
 }  // namespace stream_test

@@ -24,68 +24,31 @@ void check(const Case* begin, const Case* end) {
     }
 }
 
+// clang-format off
 const Case kRules[] = {
     // Null arguments, literals (case-sensitive) and '?'.
-    {nullptr, "a", -1},
-    {"a", nullptr, -1},
-    {"", "", 0},
-    {"", "a", 1},
-    {"A", "a", 1},
-    {"a", "ab", 1},
-    {"ab", "a", 1},
-    {"?", "", 1},
-    {"a?c", "abc", 0},
-    {"a?c", "ac", 1},
+    {nullptr, "a", -1}, {"a", nullptr, -1}, {"", "", 0}, {"", "a", 1}, {"A", "a", 1},
+    {"a", "ab", 1}, {"ab", "a", 1}, {"?", "", 1}, {"a?c", "abc", 0}, {"a?c", "ac", 1},
     // Stars; when the string runs out only one lone star may be left.
-    {"*", "", 0},
-    {"a*", "a", 0},
-    {"*.dat", "x.dat", 0},
-    {"*.dat", "x.da", 1},
-    {"*.dat", ".dat", 0},
-    {"*ab", "aab", 0},
-    {"*a*b", "aaaa", 1},
-    {"*x*y", "axbxcy", 0},
-    {"**", "a", 0},
-    {"**", "", 1},
-    {"a**", "a", 1},
-    {"a*?", "a", 1},
+    {"*", "", 0}, {"a*", "a", 0}, {"*.dat", "x.dat", 0}, {"*.dat", "x.da", 1}, {"*.dat", ".dat", 0},
+    {"*ab", "aab", 0}, {"*a*b", "aaaa", 1}, {"*x*y", "axbxcy", 0}, {"**", "a", 0}, {"**", "", 1},
+    {"a**", "a", 1}, {"a*?", "a", 1},
     // Escapes (a final backslash quotes the terminator).
-    {"\\*", "*", 0},
-    {"\\*", "a", 1},
-    {"a\\?b", "a?b", 0},
-    {"\\\\", "\\", 0},
-    {"\\", "\\", 1},
+    {"\\*", "*", 0}, {"\\*", "a", 1}, {"a\\?b", "a?b", 0}, {"\\\\", "\\", 0}, {"\\", "\\", 1},
     // Sets: an unterminated one ends with the pattern; bounds compare signed.
-    {"[a-c]x", "bx", 0},
-    {"[^a-c]x", "bx", 1},
-    {"[^a-c]x", "dx", 0},
-    {"[abc]", "b", 0},
-    {"[abc]", "d", 1},
-    {"[abc]", "bc", 1},
-    {"[a-c]", "", 1},
-    {"[]", "a", 1},
-    {"[^]", "a", 0},
-    {"[-a]", "-", 0},
-    {"[\\]]", "]", 0},
-    {"[abc", "b", 0},
-    {"[a-]", "a", 1},
-    {"[\x80-\x01]", "\xff", 0},
-    {"[\x01-\x7f]", "\x80", 1},
+    {"[a-c]", "a", 0}, {"[a-c]", "c", 0}, {"[a-c]x", "bx", 0}, {"[^a-c]x", "bx", 1},
+    {"[^a-c]x", "dx", 0}, {"[abc]", "b", 0}, {"[abc]", "d", 1}, {"[abc]", "bc", 1},
+    {"[a-c]", "", 1}, {"[]", "a", 1}, {"[^]", "a", 0},
+    {"[-a]", "-", 0}, {"[\\]]", "]", 0}, {"[abc", "b", 0}, {"[a-]", "a", 1},
+    {"[\x80-\x01]", "\xff", 0}, {"[\x01-\x7f]", "\x80", 1},
     // After ']' the next pattern character is skipped unless it is the last.
-    {"[a-c]xy", "by", 0},
-    {"[a-c]xy", "bxy", 1},
-    {"[ab]?c", "ac", 0},
-    {"[a-c][x-z]", "by", 1},
+    {"[a-c]xy", "by", 0}, {"[a-c]xy", "bxy", 1}, {"[ab]?c", "ac", 0}, {"[a-c][x-z]", "by", 1},
     {"*[b]", "ab", 0},
     // Malformed sets; behind a star only a failed try, never reached no error.
-    {"[", "a", -2},
-    {"a[", "ab", -2},
-    {"[^", "a", -2},
-    {"[a-", "a", -2},
-    {"[ab-", "a", -2},
-    {"*[", "a", 1},
-    {"[", "", 1},
+    {"[", "a", -2}, {"a[", "ab", -2}, {"[^", "a", -2}, {"[a-", "a", -2}, {"[ab-", "a", -2},
+    {"*[", "a", 1}, {"[", "", 1},
 };
+// clang-format on
 
 TEST(Match, TableOfRules) {
     check(std::begin(kRules), std::end(kRules));
